@@ -37,7 +37,10 @@ Flit::Flit(unsigned int tag, unsigned long address, ZELCommand command, unsigned
       destination(0xffffffffu),
       validMark(FLIT_VALID_MARK) {}
 
-Flit::~Flit() { validMark = 0; }
+// The mark is cleared through a volatile access: a store into an object
+// that is being destroyed is otherwise dropped by the optimiser, and a later
+// look through a stale pointer must find the mark gone.
+Flit::~Flit() { *const_cast<volatile uint32_t*>(&validMark) = 0; }
 
 Flit& Flit::operator=(const Flit& other) {
   tag = other.tag;

@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: Apache-2.0
+// The cube top: entry points, environment, banner, structure and setters.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "test_support.h"
+#include "zel2/zelsim.h"
+#include "zel2/zel2_link.h"
+#include "zel2/zel2_quad.h"
+#include "zel2/zel2_slice.h"
+
+using namespace Sornak::Internal::ZEL2;
+using zelsim_test::CaptureStdout;
+using zelsim_test::Ns;
+using zelsim_test::Ps;
+
+namespace {
+
+// Binds every port of a cube to signals, as a host would.
+struct CubeHarness {
+  sc_core::sc_vector<sc_core::sc_signal<Flit_P>> requests{"requests"};
+  sc_core::sc_vector<sc_core::sc_signal<Flit_P>> responses{"responses"};
+  sc_core::sc_signal<bool> clk{"clk"};
+  explicit CubeHarness(zel2_cube& cube) {
+    requests.init(cube.requestLinks.size());
+    responses.init(cube.responseLinks.size());
+    for (size_t i = 0; i < requests.size(); ++i) {
+      cube.requestLinks[i](requests[i]);
+      cube.responseLinks[i](responses[i]);
+    }
+    cube.clk(clk);
+  }
+};
+
+Config& ConfigWithQuads(unsigned quads) {
+  Config& cfg = *new Config();
+  cfg.NUM_QUADS = quads;
+  cfg.NUM_LINKS = quads;
+  cfg.NUM_VAULTS = quads * cfg.VAULTS_PER_QUAD;
+  return cfg;
+}
+
+void ElaborateAndRun(unsigned quads) {
+  zelsim_test::ClearModelEnvironment();
+  zel2_cube& cube = GetCube(ConfigWithQuads(quads));
+  CubeHarness harness(cube);
+  sc_core::sc_start(Ns(100));
+  EXPECT_EQ(sc_core::sc_time_stamp(), Ns(100));
+  for (unsigned q = 0; q < quads; ++q) {
+    EXPECT_EQ(cube.quads[q]->lswInterquadFlitsOut.size(), quads - 1);
+    EXPECT_EQ(std::string(cube.quads[q]->slices[0]->basename()), "slice" + std::to_string(4 * q));
+  }
+}
+
+}  // namespace
+
+TEST(CubeStructure, ElaboratesWithOneQuad) { ElaborateAndRun(1); }
+TEST(CubeStructure, ElaboratesWithTwoQuads) { ElaborateAndRun(2); }
+TEST(CubeStructure, ElaboratesWithFourQuads) { ElaborateAndRun(4); }
+
+TEST(CubeStructure, BlockNamesCarryQuadAndVaultNumbers) {
+  zelsim_test::ClearModelEnvironment();
+  zel2_cube& cube = GetCube(*new Config());
+  EXPECT_STREQ(cube.quads[1]->link->name(), "zelsim_cube.quad1.link1");
+  EXPECT_STREQ(cube.quads[3]->slices[1]->name(), "zelsim_cube.quad3.slice13");
+  EXPECT_EQ(cube.quads[3]->slices[1]->id, 13u);
+}
+
+TEST(CubeClock, TogglesWithTheCorePeriod) {
+  zelsim_test::ClearModelEnvironment();
+  zel2_cube& cube = GetCube(*new Config());
+  CubeHarness harness(cube);
+  sc_core::sc_start(sc_core::SC_ZERO_TIME);
+  EXPECT_TRUE(harness.clk.read());
+  sc_core::sc_start(Ps(800));
+  EXPECT_FALSE(harness.clk.read());
+  sc_core::sc_start(Ps(800));
+  EXPECT_TRUE(harness.clk.read());
+}
+
+TEST(CubeEntryPoints, CreateCubeAssumesHostTokensFromCubeTokens) {
+  zelsim_test::ClearModelEnvironment();
+  CaptureStdout out;
+  zel2_cube& cube = CreateCube(nullptr);
+  EXPECT_EQ(cube.cfg.BFM_TOKENS_PER_LINK, 100u);
+  const std::string text = out.str();
+  EXPECT_NE(text.find(std::string(80, '=') + "\nSornak ZEL2 SystemC simulator built from revision: "),
+            std::string::npos);
+  EXPECT_NE(text.find("No config file specified for SystemC; using compiled defaults (use "
+                      "LIBZEL_CONFIG_FILE to specify a config file)\n"),
+            std::string::npos);
+  EXPECT_NE(text.find("*** ASSUMING BFM_TOKENS_PER_LINK=100 (same as TOKENS_PER_LINK)\n"), std::string::npos);
+}
+
+TEST(CubeEntryPoints, TokenVariablesOverrideBothSides) {
+  zelsim_test::ClearModelEnvironment();
+  setenv("LIBZEL_NUM_TOKENS", "289", 1);
+  setenv("ZEL_BFM_NUM_TOKENS", "40", 1);
+  CaptureStdout out;
+  zel2_cube& cube = CreateCube(nullptr);
+  EXPECT_EQ(cube.cfg.TOKENS_PER_LINK, 289u);
+  EXPECT_EQ(cube.cfg.BFM_TOKENS_PER_LINK, 40u);
+  EXPECT_NE(out.str().find("*** OVERWROTE TOKENS_PER_LINK TO 289\n*** OVERWROTE BFM_TOKENS_PER_LINK TO 40\n"),
+            std::string::npos);
+}
+
+TEST(CubeEntryPoints, TokenCountAbove289StopsTheProgram) {
+  zelsim_test::ClearModelEnvironment();
+  setenv("LIBZEL_NUM_TOKENS", "290", 1);
+  EXPECT_DEATH(CreateCube(nullptr), "numTokens < 290");
+  zelsim_test::ClearModelEnvironment();
+  setenv("ZEL_BFM_NUM_TOKENS", "-1", 1);
+  EXPECT_DEATH(CreateCube(nullptr), "numTokens < 290");
+}
+
+TEST(CubeEntryPoints, NonNullNameReadsNoFile) {
+  zelsim_test::ClearModelEnvironment();
+  setenv("LIBZEL_CONFIG_FILE", "/nonexistent/never-read.ini", 1);
+  CaptureStdout out;
+  zel2_cube& cube = CreateCube("/nonexistent/also-never-read.ini");
+  EXPECT_EQ(cube.cfg.NUM_QUADS, 4u);
+  EXPECT_EQ(out.str().find("No config file specified"), std::string::npos);
+}
+
+TEST(CubeEntryPoints, CreateCubeReadsTheFileOfTheEnvironment) {
+  zelsim_test::ClearModelEnvironment();
+  char name[] = "/tmp/zelsimcfgXXXXXX";
+  const int fd = mkstemp(name);
+  ASSERT_GE(fd, 0);
+  const std::string text = "TOKENS_PER_LINK = 64\nBFM_TOKENS_PER_LINK = 12\n";
+  ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  close(fd);
+  setenv("LIBZEL_CONFIG_FILE", name, 1);
+  CaptureStdout out;
+  zel2_cube& cube = CreateCube(nullptr);
+  unlink(name);
+  EXPECT_EQ(cube.cfg.TOKENS_PER_LINK, 64u);
+  // Without ZEL_BFM_NUM_TOKENS the host side follows the cube side, whatever the file said.
+  EXPECT_EQ(cube.cfg.BFM_TOKENS_PER_LINK, 64u);
+}
+
+TEST(CubeEntryPoints, GetCubeLeavesHostTokensAtTheirDefault) {
+  zelsim_test::ClearModelEnvironment();
+  zel2_cube& cube = GetCube(static_cast<std::string*>(nullptr));
+  EXPECT_EQ(cube.cfg.BFM_TOKENS_PER_LINK, 0u);
+}
+
+TEST(CubeEntryPoints, TwoCubesPrintTheBannerOnce) {
+  zelsim_test::ClearModelEnvironment();
+  zelsim_test::AllowKernelWarnings();  // the second cube's name is taken
+  CaptureStdout out;
+  GetCube(*new Config());
+  GetCube(*new Config());
+  const std::string text = out.str();
+  const std::string banner = "Sornak ZEL2 SystemC simulator built from revision: ";
+  ASSERT_NE(text.find(banner), std::string::npos);
+  EXPECT_EQ(text.find(banner, text.find(banner) + 1), std::string::npos);
+}
+
+TEST(CubeSetters, LinkParamsChangeTheSpeedOfAllLinksButOneWidth) {
+  zelsim_test::ClearModelEnvironment();
+  zel2_cube& cube = GetCube(*new Config());
+  CaptureStdout out;
+  cube.setLinkParams(2, 12.5f, 8);
+  EXPECT_EQ(cube.cfg.LINK_2_WIDTH, 8u);
+  EXPECT_EQ(cube.cfg.LINK_0_WIDTH, 16u);
+  // 128 bits over 16 lanes at 12.5 Gb/s: 8 x 0.08 ns.
+  EXPECT_EQ(cube.GetLinkRate(0), Ps(640));
+  EXPECT_EQ(GetLinkRate(&cube, 2), Ps(1280));
+  // Every link takes the width of the link named in the call.
+  EXPECT_EQ(cube.quads[0]->link->flitRate, Ps(1280));
+  const std::string text = out.str();
+  EXPECT_NE(text.find("0 s: SYSTEMC CONFIG CHANGE: setting link rate=12.5 Gb/s\n"
+                      "0 s: SYSTEMC CONFIG CHANGE: setting link2 width=8 lanes\n"),
+            std::string::npos);
+  EXPECT_NE(text.find("0 s: Refresh disabled, cancelling refresh for quad 3 vault 3\n"), std::string::npos);
+}
+
+TEST(CubeSetters, BadLinksAndLanesStopTheProgram) {
+  zelsim_test::ClearModelEnvironment();
+  zel2_cube& cube = GetCube(*new Config());
+  EXPECT_DEATH(
+      {
+        dup2(2, 1);
+        cube.setLinkParams(4, 15.0f, 16);
+      },
+      "== ERROR - Please pick a link value between 0 and 3");
+  EXPECT_DEATH(
+      {
+        dup2(2, 1);
+        cube.GetLinkRate(4);
+      },
+      "== ERROR - Please pink a link value between 0 and 3");
+  EXPECT_DEATH(cube.setLinkParams(0, 15.0f, 0), "numLanes > 0");
+}
+
+TEST(CubeSetters, SizeTemperatureBlockSizeAndTokens) {
+  zelsim_test::ClearModelEnvironment();
+  zel2_cube& cube = GetCube(*new Config());
+  CaptureStdout out;
+  cube.setTj(95);
+  EXPECT_EQ(cube.cfg.Tj, 95u);
+  EXPECT_NE(out.str().find("0 s: SYSTEMC CONFIG CHANGE: setting operating temperature (Tj)=95\n"),
+            std::string::npos);
+  cube.setCubeSize(4);
+  EXPECT_EQ(cube.cfg.NUM_PARTITIONS, 4u);
+  cube.setMaxBlockSize(64);
+  EXPECT_EQ(cube.cfg.MAX_BLOCK_SIZE, 64u);
+  cube.setCubeTokens(50);
+  EXPECT_EQ(cube.cfg.TOKENS_PER_LINK, 50u);
+  EXPECT_EQ(cube.quads[2]->link->returnTokenCount, 50u);
+  EXPECT_DEATH(cube.setCubeTokens(0), "numTokens");
+}
+
+TEST(CubeDiagnostics, IdleDumpStatePrintsHeaders) {
+  zelsim_test::ClearModelEnvironment();
+  zel2_cube& cube = GetCube(ConfigWithQuads(1));
+  CubeHarness harness(cube);
+  sc_core::sc_start(Ns(10));
+  CaptureStdout out;
+  cube.DumpState();
+  const std::string text = out.str();
+  EXPECT_EQ(text.rfind("== Cube\n============ Quad 0 ============\n== Link0\n", 0), 0u);
+  EXPECT_NE(text.find("== Slice3\n== VC3 [Response Credits : 61]\n"), std::string::npos);
+}
