@@ -229,3 +229,17 @@ TEST(FlitHandle, SignalSeesEveryNewHandle) {
   sc_core::sc_start(sc_core::sc_time(10, sc_core::SC_NS));
   EXPECT_EQ(probe.events, 2);
 }
+
+TEST(FlitHandle, LiveCounterFollowsRequestsAndResponses) {
+  const int64_t before = Flit::liveRequestsAndResponses;
+  Flit* request = new Flit(1, 0, RD, 32, true, true, 1);
+  Flit* response = new Flit(*request);
+  response->command = RD_RSP;
+  Flit* tokens = new Flit(2, ~0ul, TOKEN_RETURN, 0, true, true, 1);
+  Flit_P blank;  // blank flits of default handles don't count
+  EXPECT_EQ(Flit::liveRequestsAndResponses, before + 2);
+  delete request;
+  delete response;
+  delete tokens;
+  EXPECT_EQ(Flit::liveRequestsAndResponses, before);
+}

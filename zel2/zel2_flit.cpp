@@ -8,6 +8,11 @@ namespace Internal {
 namespace ZEL2 {
 
 uint64_t Flit_P::guid = 0;
+int64_t Flit::liveRequestsAndResponses = 0;
+
+namespace {
+bool CountsAsLive(ZELCommand command) { return command != NULL_COMMAND && command != TOKEN_RETURN; }
+}  // namespace
 
 Flit::Flit()
     : tag(0xffffffffu),
@@ -35,12 +40,36 @@ Flit::Flit(unsigned int tag, unsigned long address, ZELCommand command, unsigned
       returnTokens(0),
       sourceLink(0xffffffffu),
       destination(0xffffffffu),
-      validMark(FLIT_VALID_MARK) {}
+      validMark(FLIT_VALID_MARK) {
+  if (CountsAsLive(command)) ++liveRequestsAndResponses;
+}
+
+Flit::Flit(const Flit& other)
+    : tag(other.tag),
+      hostTag(other.hostTag),
+      consumed(other.consumed),
+      address(other.address),
+      command(other.command),
+      requestLength(other.requestLength),
+      header(other.header),
+      tail(other.tail),
+      flitNumber(other.flitNumber),
+      returnTokens(other.returnTokens),
+      sourceLink(other.sourceLink),
+      destination(other.destination),
+      lane(other.lane),
+      validMark(other.validMark) {
+  for (int i = 0; i < 8; ++i) timeStamps[i] = other.timeStamps[i];
+  if (CountsAsLive(command)) ++liveRequestsAndResponses;
+}
 
 // The mark is cleared through a volatile access: a store into an object
 // that is being destroyed is otherwise dropped by the optimiser, and a later
 // look through a stale pointer must find the mark gone.
-Flit::~Flit() { *const_cast<volatile uint32_t*>(&validMark) = 0; }
+Flit::~Flit() {
+  if (CountsAsLive(command)) --liveRequestsAndResponses;
+  *const_cast<volatile uint32_t*>(&validMark) = 0;
+}
 
 Flit& Flit::operator=(const Flit& other) {
   tag = other.tag;
