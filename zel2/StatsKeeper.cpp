@@ -115,8 +115,8 @@ unsigned RequestSize(unsigned index) { return (index + 1) * 16; }
 }  // namespace
 
 void StatsKeeper::PrintHeader(std::ostream& out, float nowNs, uint64_t cubeCycles) const {
-  out << "======= Dumping stats at " << Wide(nowNs) << "ns / " << cubeCycles << " cube cycles ======="
-      << std::endl;
+  out << "======= Dumping stats at " << Wide(nowNs) << "ns / " << cubeCycles
+      << " cube cycles =======" << std::endl;
 }
 
 void StatsKeeper::PrintLinkFigures(std::ostream& out, unsigned link, const sc_core::sc_time& when) const {
@@ -137,8 +137,8 @@ void StatsKeeper::PrintLinkFigures(std::ostream& out, unsigned link, const sc_co
       << " GB/s)" << std::endl;
   out << "   Effective Bandwidth  : " << Bandwidth(when, linkBytes[link]) << " GB/s [" << linkBytes[link]
       << " bytes]" << std::endl;
-  out << "        Read Bandwidth  : " << Bandwidth(when, linkReadBytes[link]) << " GB/s [" << linkReadBytes[link]
-      << " bytes]" << std::endl;
+  out << "        Read Bandwidth  : " << Bandwidth(when, linkReadBytes[link]) << " GB/s ["
+      << linkReadBytes[link] << " bytes]" << std::endl;
   out << "       Write Bandwidth  : " << Bandwidth(when, linkWriteBytes[link]) << " GB/s ["
       << linkWriteBytes[link] << " bytes]" << std::endl;
 }
@@ -177,10 +177,12 @@ void StatsKeeper::DumpStats(sc_core::sc_time when) {
   // after the report: later reports and any other output see the same.
   std::cout.precision(4);
   std::cout << "Reads:";
-  for (unsigned s = 0; s < kRequestSizes; ++s) std::cout << Bandwidth(when, RequestSize(s) * readsBySize[s]) << ",";
+  for (unsigned s = 0; s < kRequestSizes; ++s)
+    std::cout << Bandwidth(when, RequestSize(s) * readsBySize[s]) << ",";
   std::cout << std::endl;
   std::cout << "Writes:";
-  for (unsigned s = 0; s < kRequestSizes; ++s) std::cout << Bandwidth(when, RequestSize(s) * writesBySize[s]) << ",";
+  for (unsigned s = 0; s < kRequestSizes; ++s)
+    std::cout << Bandwidth(when, RequestSize(s) * writesBySize[s]) << ",";
   std::cout << std::endl;
 
   for (unsigned i = 0; i < cfg->NUM_LINKS; ++i) {
@@ -224,8 +226,8 @@ void StatsKeeper::DumpStatsFile(const sc_core::sc_time& when, float nowNs, uint6
   out << "         (READS)    (WRITES)" << std::endl;
   uint32_t generatorTotal = 0;  // deliberately 32 bits wide, like the response sums
   for (unsigned s = 0; s < kRequestSizes; ++s) {
-    out << std::setw(3) << RequestSize(s) << "B ] " << std::setw(10) << readsBySize[s] << "\t" << std::setw(10)
-        << writesBySize[s] << std::endl;
+    out << std::setw(3) << RequestSize(s) << "B ] " << std::setw(10) << readsBySize[s] << "\t"
+        << std::setw(10) << writesBySize[s] << std::endl;
     generatorTotal += readsBySize[s] + writesBySize[s];
   }
   out << "-----" << std::endl;
@@ -242,8 +244,8 @@ void StatsKeeper::DumpStatsFile(const sc_core::sc_time& when, float nowNs, uint6
   if (totalAtomics != 0) out << "   Atomics: " << totalAtomics << std::endl;
   out << "   Total : " << totalReads + totalWrites << " (" << readResponses + writeResponses << " Responses)"
       << std::endl;
-  const float readShare =
-      static_cast<float>(totalReads) / (static_cast<float>(totalWrites) + static_cast<float>(totalReads)) * 100;
+  const float readShare = static_cast<float>(totalReads) /
+                          (static_cast<float>(totalWrites) + static_cast<float>(totalReads)) * 100;
   out << "   R/W%  : " << Wide(readShare) << " %" << std::endl;
   out << std::endl;
 

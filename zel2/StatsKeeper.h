@@ -46,7 +46,8 @@ float LinkRate(unsigned lanes, float gigabitsPerLane);
 // (whole ticks, integer division). A zero flit time divides by zero.
 uint64_t FlitSlots(const sc_core::sc_time& elapsed, const sc_core::sc_time& flitTime);
 
-// Share of the flit slots that carried flits, between 0 and 1.
+// Share of the flit slots that carried flits. With no slots yet (time 0) it
+// is 0 / 0 or n / 0, which the report prints as it comes.
 float Utilization(uint64_t flits, uint64_t flitSlots);
 
 // GB/s of `bytes` moved in `when`: one second over `when`, times the bytes,
