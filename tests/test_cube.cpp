@@ -74,7 +74,9 @@ TEST(CubeClock, TogglesWithTheCorePeriod) {
   CubeHarness harness(cube);
   sc_core::sc_start(sc_core::SC_ZERO_TIME);
   EXPECT_TRUE(harness.clk.read());
-  sc_core::sc_start(Ps(800));
+  sc_core::sc_start(Ps(799));  // the first fall is at half a period
+  EXPECT_TRUE(harness.clk.read());
+  sc_core::sc_start(Ps(2));
   EXPECT_FALSE(harness.clk.read());
   sc_core::sc_start(Ps(800));
   EXPECT_TRUE(harness.clk.read());

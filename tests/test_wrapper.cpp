@@ -48,10 +48,12 @@ struct ResponseRecorder : sc_core::sc_module {
 
 TEST(Wrapper, CubeSizeEncodings) {
   Cube2in1Wrapper& wrapper = MakeWrapper();
-  CaptureStdout out;
-  wrapper.setCubeSize(2);
-  EXPECT_EQ(wrapper.cube->cfg.NUM_PARTITIONS, 8u);
-  EXPECT_TRUE(Contains(out.str(), "0 s: SYSTEMC CONFIG CHANGE: setting cube size=2; (512 Total Banks)\n"));
+  {
+    CaptureStdout out;
+    wrapper.setCubeSize(2);
+    EXPECT_EQ(wrapper.cube->cfg.NUM_PARTITIONS, 8u);
+    EXPECT_TRUE(Contains(out.str(), "0 s: SYSTEMC CONFIG CHANGE: setting cube size=2; (512 Total Banks)\n"));
+  }
   EXPECT_DEATH(
       {
         dup2(2, 1);
@@ -84,10 +86,13 @@ TEST(Wrapper, TokensBlockSizeAndModes) {
 
 TEST(Wrapper, LinkRatesApplyToEveryLink) {
   Cube2in1Wrapper& wrapper = MakeWrapper();
-  CaptureStdout out;
-  wrapper.setLinkParams(50, 16);
+  std::string text;
+  {
+    CaptureStdout out;
+    wrapper.setLinkParams(50, 16);
+    text = out.str();
+  }
   EXPECT_FLOAT_EQ(wrapper.cube->cfg.LINK_SPEED, 12.5f);
-  const std::string text = out.str();
   size_t count = 0;
   for (size_t at = text.find("setting link rate=12.5 Gb/s"); at != std::string::npos;
        at = text.find("setting link rate=12.5 Gb/s", at + 1)) {
