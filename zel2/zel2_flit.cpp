@@ -107,6 +107,16 @@ void Flit_P::AttachTokens(unsigned int tokens) {
 
 namespace {
 
+// The command enumerations have the fixed underlying type uint32_t; the trace
+// file keeps a reference to the field and reads it as that integer at each
+// time step, so that the traced value follows the live record.
+const uint32_t& AsInteger(const ZELCommand& command) {
+  return *reinterpret_cast<const uint32_t*>(static_cast<const void*>(&command));
+}
+const uint32_t& AsInteger(const DRAMCommand& command) {
+  return *reinterpret_cast<const uint32_t*>(static_cast<const void*>(&command));
+}
+
 // The part of a request's printed form from " addr:0x" on.
 void PrintRoute(std::ostream& out, const Flit& flit) {
   out << " addr:0x" << std::hex;
@@ -177,7 +187,7 @@ std::ostream& operator<<(std::ostream& out, const Flit_P& handle) { return out <
 void sc_trace(sc_core::sc_trace_file*& tf, const Flit& flit, const std::string& name) {
   if (tf == nullptr) return;
   sc_core::sc_trace(tf, flit.tag, name + ".tag", 32);
-  sc_core::sc_trace(tf, *reinterpret_cast<const uint32_t*>(&flit.command), name + ".command", 32);
+  sc_core::sc_trace(tf, AsInteger(flit.command), name + ".command", 32);
   sc_core::sc_trace(tf, flit.requestLength, name + ".requestLength", 32);
   sc_core::sc_trace(tf, flit.address, name + ".address", 64);
 }
@@ -214,7 +224,7 @@ std::ostream& operator<<(std::ostream& out, const DRAMBusPacket& packet) {
 void sc_trace(sc_core::sc_trace_file* tf, const DRAMBusPacket& packet, const std::string& name) {
   if (tf == nullptr) return;
   sc_core::sc_trace(tf, packet.tag, name + ".tag", 32);
-  sc_core::sc_trace(tf, *reinterpret_cast<const uint32_t*>(&packet.command), name + ".command", 32);
+  sc_core::sc_trace(tf, AsInteger(packet.command), name + ".command", 32);
   sc_core::sc_trace(tf, packet.partition, name + ".partition", 32);
   sc_core::sc_trace(tf, packet.bank, name + ".bank", 32);
   sc_core::sc_trace(tf, packet.row, name + ".row", 32);
