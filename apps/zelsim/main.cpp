@@ -1,0 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
+// The zelsim test bench: builds a cube, drives it with request generators
+// through a host that keeps the link protocol, and reports.
+#include <systemc>
+
+#include "apps/zelsim/bench.h"
+
+int sc_main(int argc, char* argv[]) { return Sornak::Internal::ZEL2::Bench::RunZelsim(argc, argv); }
