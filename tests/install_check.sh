@@ -1,0 +1,44 @@
+#!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
+# Installs the library into a scratch prefix and builds the example hosts
+# against it, once with pkg-config and once with find_package, as a user
+# outside this tree would.
+set -eu
+build_dir=$1
+source_dir=$2
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+cmake --install "$build_dir" --prefix "$scratch/prefix" >/dev/null
+libdir=$(dirname "$(find "$scratch/prefix" -name zelsim.pc)")/..
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+export LD_LIBRARY_PATH="$libdir"
+
+# pkg-config
+g++ -std=c++17 -o "$scratch/print_config" "$source_dir/examples/print_config.cpp" \
+  $(pkg-config --cflags --libs zelsim systemc)
+"$scratch/print_config" > "$scratch/config.txt"
+test "$(grep -c "^\[" "$scratch/config.txt")" -eq 141
+grep -qx "\[sc_time\]: 'CORE_CLK'=1600 ps" "$scratch/config.txt"
+grep -qx "\[float\]: 'LINK_SPEED'=15" "$scratch/config.txt"
+printf 'NUM_QUADS = 2\n' > "$scratch/one.ini"
+"$scratch/print_config" "$scratch/one.ini" > "$scratch/set.txt"
+test "$(grep -c "^\[" "$scratch/set.txt")" -eq 1
+grep -qx "\[\*\] \[unsigned\]: 'NUM_QUADS'=2" "$scratch/set.txt"
+
+# find_package
+mkdir -p "$scratch/host"
+cat > "$scratch/host/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.16)
+project(host CXX)
+set(CMAKE_CXX_STANDARD 17)
+find_package(zelsim REQUIRED)
+add_executable(minimal_host "$source_dir/examples/minimal_host.cpp")
+target_link_libraries(minimal_host PRIVATE zelsim::zelsim)
+CMAKE
+cmake -S "$scratch/host" -B "$scratch/host/build" -DCMAKE_PREFIX_PATH="$scratch/prefix" >/dev/null
+cmake --build "$scratch/host/build" >/dev/null
+(cd "$scratch" && env -u LIBZEL_CONFIG_FILE "$scratch/host/build/minimal_host") > "$scratch/host.txt"
+grep -q "read response for tag 1" "$scratch/host.txt"
+grep -q "Dumping stats" "$scratch/host.txt"
+echo "install check passed"
