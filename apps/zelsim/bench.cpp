@@ -7,11 +7,13 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 #include <utility>
 #include <vector>
 
 #include "zel2/2in1Wrapper.h"
 #include "zel2/zel2_cube.h"
+#include "zel2/zel2_utils.h"
 
 namespace Sornak {
 namespace Internal {
@@ -91,7 +93,87 @@ class ConfigFileForLibrary {
   std::string old_;
 };
 
+// --check-rest: how long the cube may take to drain after the traffic or
+// the flush, and how long it then settles before the check, so that the last
+// credit and token pulses have arrived.
+const sc_core::sc_time kDrainLimit(1, sc_core::SC_MS);
+constexpr double kSettleCycles = 1000;
+
+// Lets the simulation run until the host pauses at its next drain, for at
+// most `limit`; false if the limit came first.
+bool RunUntilDrained(LegalHost& host, const sc_core::sc_time& limit) {
+  sc_core::sc_start(limit);
+  return host.pausedAtDrain;
+}
+
+std::string LimitText(const sc_core::sc_time& limit) {
+  return std::to_string(static_cast<uint64_t>(limit.to_seconds() * 1e9 + 0.5)) + " ns";
+}
+
+// The end of a --check-rest run, once the generators are done or SIM_TIME is
+// up: the model's report for the traffic, the drain of what is still under
+// way, the results, the credit flush, a pause to settle, and the check.
+std::vector<std::string> DrainAndCheck(Cube2in1Wrapper& wrapper, LegalHost& host, GeneratorSource& source,
+                                       RestPhaseSource& phases, int64_t liveFlitsAtStart,
+                                       RunResults& results) {
+  const Config& cfg = wrapper.cube->cfg;
+  std::vector<std::string> problems;
+  const bool drainedBySelf = host.pausedAtDrain;
+  // The report covers the same time as in a run without the check.
+  wrapper.DumpStats();
+
+  // No new requests; those in flight get their responses.
+  bool drained = drainedBySelf;
+  if (!drained) {
+    phases.phase = RestPhaseSource::Phase::Quiet;
+    drained = RunUntilDrained(host, kDrainLimit);
+    if (!drained)
+      problems.push_back("host: traffic still under way " + LimitText(kDrainLimit) + " after SIM_TIME");
+  }
+  results.endTimeNs = sc_core::sc_time_stamp().to_seconds() * 1e9;
+  host.CollectResults(results);
+  source.FillResults(results);
+  results.drained = drainedBySelf;
+
+  // The flush's writes are checked like any other request.
+  bool flushed = false;
+  if (drained) {
+    phases.phase = RestPhaseSource::Phase::Flush;
+    flushed = RunUntilDrained(host, kDrainLimit);
+    if (!flushed) problems.push_back("host: credit flush still under way after " + LimitText(kDrainLimit));
+    RunResults after;
+    host.CollectResults(after);
+    if (after.Mismatches() > results.Mismatches()) {
+      problems.push_back("host: " + std::to_string(after.Mismatches() - results.Mismatches()) +
+                         " response mismatches in the credit flush");
+    }
+  }
+  sc_core::sc_start(CycleDelay(cfg, kSettleCycles));
+
+  RestExpectations expect;
+  expect.liveFlitsAtStart = liveFlitsAtStart;
+  expect.vaultCreditsReturned = flushed;
+  for (std::string& line : CheckRestState(wrapper, host, expect)) problems.push_back(std::move(line));
+  return problems;
+}
+
 }  // namespace
+
+std::string JsonWithRestState(const std::string& json, const std::vector<std::string>& violations) {
+  std::string field = "  \"rest_state\": ";
+  if (violations.empty()) {
+    field += "\"ok\"";
+  } else {
+    field += "[";
+    for (std::size_t i = 0; i < violations.size(); ++i)
+      field += (i == 0 ? "\n    " : ",\n    ") + JsonString(violations[i]);
+    field += "\n  ]";
+  }
+  const std::size_t close = json.rfind('}');
+  if (close == std::string::npos || close == 0) return json;
+  const std::size_t last = json.find_last_not_of(" \n", close - 1);
+  return json.substr(0, last + 1) + ",\n" + field + "\n}\n";
+}
 
 // ---- Generators as a request source --------------------------------------------
 
@@ -215,7 +297,7 @@ unsigned LinkRateOfSpeed(float gigabitsPerLane) {
 
 // ---- The run -------------------------------------------------------------------------
 
-int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut) {
+int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestReport* restOut) {
   Options options;
   std::string error;
   switch (ParseCommandLine(argc, argv, options, error)) {
@@ -289,6 +371,7 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut) {
   // The library reads its configuration from the environment, so the keys
   // resolved here reach it as a file of their own.
   Cube2in1Wrapper* wrapper = nullptr;
+  const int64_t liveFlitsAtStart = Flit::liveRequestsAndResponses;
   {
     ConfigFileForLibrary configFile;
     if (!overlay.empty() && !configFile.Write(overlay, error)) return Refuse(error);
@@ -300,7 +383,16 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut) {
   // A host that drains its traffic stops the kernel; that is no news.
   sc_core::sc_report_handler::set_actions("/OSCI/SystemC", sc_core::SC_INFO, sc_core::SC_DO_NOTHING);
   auto* source = new GeneratorSource(cfg, options.seed, std::move(traces));
-  auto* host = new LegalHost("host", *wrapper, *source, setup);
+  RequestSource* hostSource = source;
+  RestPhaseSource* phases = nullptr;
+  if (options.checkRest) {
+    // The host pauses at each drain, and the run goes on in phases.
+    setup.stopWhenDrained = false;
+    setup.pauseWhenDrained = true;
+    phases = new RestPhaseSource(*source, *new CreditFlush(cfg));
+    hostSource = phases;
+  }
+  auto* host = new LegalHost("host", *wrapper, *hostSource, setup);
 
   if (cfg.SIM_TIME == sc_core::SC_ZERO_TIME) {
     sc_core::sc_start();
@@ -313,18 +405,33 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut) {
   results.version.pop_back();
   results.seed = options.seed;
   results.simTimeNs = cfg.SIM_TIME.to_seconds() * 1e9;
-  results.endTimeNs = sc_core::sc_time_stamp().to_seconds() * 1e9;
-  host->CollectResults(results);
-  source->FillResults(results);
+  std::vector<std::string> violations;
+  if (options.checkRest) {
+    violations = DrainAndCheck(*wrapper, *host, *source, *phases, liveFlitsAtStart, results);
+  } else {
+    results.endTimeNs = sc_core::sc_time_stamp().to_seconds() * 1e9;
+    host->CollectResults(results);
+    source->FillResults(results);
+    wrapper->DumpStats();
+  }
 
-  wrapper->DumpStats();
   if (wantsStateDump) wrapper->cube->DumpState();
   PrintSummary(std::cout, results);
+  if (options.checkRest) {
+    for (const std::string& line : violations) std::cout << "zelsim: rest-state violation: " << line << '\n';
+    if (violations.empty()) std::cout << "zelsim: rest state OK\n";
+  }
   std::cout.flush();
 
-  int status = results.Mismatches() == 0 ? 0 : 1;
+  int status = results.Mismatches() == 0 && violations.empty() ? 0 : 1;
   if (json.is_open()) {
-    WriteJson(json, results);
+    if (options.checkRest) {
+      std::ostringstream text;
+      WriteJson(text, results);
+      json << JsonWithRestState(text.str(), violations);
+    } else {
+      WriteJson(json, results);
+    }
     json.close();
     if (json.fail()) {
       std::cerr << "zelsim: can't write JSON file '" << options.jsonFile << "'" << std::endl;
@@ -332,6 +439,10 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut) {
     }
   }
   if (resultsOut != nullptr) *resultsOut = results;
+  if (restOut != nullptr) {
+    restOut->checked = options.checkRest;
+    restOut->violations = violations;
+  }
   return status;
 }
 

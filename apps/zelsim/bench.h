@@ -13,6 +13,7 @@
 #include "apps/zelsim/generator.h"
 #include "apps/zelsim/host.h"
 #include "apps/zelsim/options.h"
+#include "apps/zelsim/rest_state.h"
 #include "apps/zelsim/results.h"
 #include "zel2/Config.h"
 
@@ -60,10 +61,15 @@ bool CheckBenchSettings(const Config& cfg, std::string& error);
 unsigned LinkRateOfSpeed(float gigabitsPerLane);
 
 // Runs zelsim and returns its exit status: 0 for a clean run, 1 when
-// responses didn't match their requests, 2 for a bad command line or
-// configuration (with a one-line message on standard error, before any
-// simulation). `results`, when given, receives what the run found.
-int RunZelsim(int argc, const char* const* argv, RunResults* results = nullptr);
+// responses didn't match their requests (or --check-rest found the cube not
+// at rest), 2 for a bad command line or configuration (with a one-line
+// message on standard error, before any simulation). `results`, when given,
+// receives what the run found, and `rest` what --check-rest found.
+int RunZelsim(int argc, const char* const* argv, RunResults* results = nullptr, RestReport* rest = nullptr);
+
+// The JSON text of WriteJson with the field "rest_state" added at its end:
+// "ok", or the list of violations.
+std::string JsonWithRestState(const std::string& json, const std::vector<std::string>& violations);
 
 }  // namespace Bench
 }  // namespace ZEL2

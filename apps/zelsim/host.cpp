@@ -155,9 +155,18 @@ void LegalHost::HostThread() {
       sc_core::sc_stop();
       return;
     }
+    if (setup.pauseWhenDrained) PauseAtDrain();
     ++cycle;
     wait(CycleDelay(cfg, 1));
   }
+}
+
+void LegalHost::PauseAtDrain() {
+  // Once per drain: a paused host that stays drained doesn't pause again, so
+  // that the caller can let the cube settle for a while.
+  const bool nowDrained = source.Exhausted() && Drained();
+  if (nowDrained && !pausedAtDrain) sc_core::sc_pause();
+  pausedAtDrain = nowDrained;
 }
 
 void LegalHost::PlanCycle(HostLink& link, std::vector<Flit*>& flits) {

@@ -51,6 +51,9 @@ struct HostSetup {
   unsigned hostTokens = 0;            // setHostTokens value; else the configuration's BFM_TOKENS_PER_LINK
   bool stopWhenDrained = true;        // sc_stop once the source is exhausted and all traffic is back
   unsigned maxMismatchMessages = 10;  // mismatches printed and kept word for word
+  // Instead of stopping, sc_pause once each time the host becomes drained,
+  // so that the caller can resume with another phase (--check-rest).
+  bool pauseWhenDrained = false;
 };
 
 // Flits a link carries in one core cycle, computed as the link computes it
@@ -118,6 +121,9 @@ class LegalHost : public sc_core::sc_module {
   bool drained = false;   // stopped because all traffic was back
   uint64_t cycle = 0;     // core cycles since the host started sending
   std::vector<std::string> mismatchMessages;
+  // Drained and paused for it (pauseWhenDrained); cleared when traffic is
+  // under way again.
+  bool pausedAtDrain = false;
 
   SC_HAS_PROCESS(LegalHost);
   LegalHost(sc_core::sc_module_name name, Cube2in1Wrapper& cube, RequestSource& source,
@@ -144,6 +150,7 @@ class LegalHost : public sc_core::sc_module {
 
  private:
   void Configure();
+  void PauseAtDrain();
   void PlanCycle(HostLink& link, std::vector<Flit*>& flits);
   bool StartPacket(HostLink& link);
   void TakeResponse(HostLink& link, Flit* flit);

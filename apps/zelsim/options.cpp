@@ -301,6 +301,11 @@ ParseStatus ParseCommandLine(int argc, const char* const* argv, Options& options
       options.dumpState = true;
       continue;
     }
+    if (option == "--check-rest") {
+      if (!flagOnly()) return ParseStatus::Error;
+      options.checkRest = true;
+      continue;
+    }
     if (option == "--config" || option == "--set") {
       if (!takeValue()) return ParseStatus::Error;
       options.sources.push_back(ConfigSource{option == "--config", value});
@@ -387,6 +392,7 @@ std::string UsageText() {
          "  --cube-size ENC     cube size encoding 0, 1 or 2 (2, 4 or 8 GB)\n"
          "  --link-rate RATE    link rate 40, 50 or 60 (10, 12.5 or 15 Gb/s per lane)\n"
          "  --lanes N           lanes of every link\n"
+         "  --check-rest        after the run, drain the cube and check that it is at rest\n"
          "\n"
          "Output:\n"
          "  --json FILE         write the results as JSON to FILE\n"
@@ -394,8 +400,9 @@ std::string UsageText() {
          "  --help              show this text and exit\n"
          "  --version           show the version and exit\n"
          "\n"
-         "Exit status: 0 on a clean run, 1 when responses did not match requests,\n"
-         "2 when the command line or the configuration is wrong.\n"
+         "Exit status: 0 on a clean run, 1 when responses did not match requests\n"
+         "(or, with --check-rest, when the cube was not at rest), 2 when the command\n"
+         "line or the configuration is wrong.\n"
          "See docs/usage.md for the keys zelsim reads and the trace file format.\n";
 }
 

@@ -77,6 +77,9 @@ struct Options {
   uint64_t seed = 1;
   std::string jsonFile;  // empty: no JSON
   bool dumpState = false;
+  // After the run: drain the cube, flush the vault switches' parked credits
+  // and check that every block is back at rest.
+  bool checkRest = false;
   int cubeSize = -1;      // setCubeSize encoding 0, 1, 2; -1: leave the configuration's
   unsigned linkRate = 0;  // setLinkParams rate 40, 50, 60; 0: not asked for
   unsigned lanes = 0;     // setLinkParams lanes; 0: not asked for
