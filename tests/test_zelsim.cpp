@@ -649,3 +649,288 @@ TEST(ZelsimRun, TracesAreReplayed) {
   EXPECT_EQ(total.posted, 1u);
   EXPECT_EQ(total.bytesRead, 64u + 128u + 32u);
 }
+
+// ---- What the cube can carry -----------------------------------------------------
+
+namespace {
+
+// The configuration a list of KEY=VALUE assignments gives.
+Config ConfigWith(const std::vector<std::string>& sets) {
+  ConfigOverlay overlay;
+  std::string error;
+  for (const std::string& set : sets) EXPECT_TRUE(ApplyAssignment(set, overlay, error)) << error;
+  Config cfg;
+  ApplyOverlay(overlay, cfg);
+  return cfg;
+}
+
+// The numbers of one field of zelsim's JSON, in order: the links', then the
+// total's.
+std::vector<double> JsonNumbers(const std::string& json, const std::string& field) {
+  std::vector<double> values;
+  const std::string key = "\"" + field + "\": ";
+  for (std::size_t at = json.find(key); at != std::string::npos; at = json.find(key, at + 1))
+    values.push_back(std::stod(json.substr(at + key.size())));
+  return values;
+}
+
+const std::vector<std::string> kLargest = {"PERCENTAGE_RD_128B=1", "PERCENTAGE_WR_128B=1"};
+
+std::vector<std::string> Plus(std::vector<std::string> sets, const std::vector<std::string>& more) {
+  sets.insert(sets.end(), more.begin(), more.end());
+  return sets;
+}
+
+}  // namespace
+
+// Each limit at its boundary: the configuration at the limit passes, one
+// step beyond it is refused with a message that names the key. The limits
+// follow the traffic: the defaults make 64-byte requests, kLargest adds
+// 128-byte ones.
+TEST(ZelsimLimits, EachLimitAcceptsItsBoundaryAndRefusesOneStepBeyond) {
+  struct Case {
+    std::vector<std::string> good;
+    std::vector<std::string> bad;
+    const char* key;  // named by the refusal
+  };
+  const Case cases[] = {
+      {{"LINK_MASTER_BUFFER_SIZE=12"}, {"LINK_MASTER_BUFFER_SIZE=11"}, "LINK_MASTER_BUFFER_SIZE"},
+      {Plus(kLargest, {"LINK_MASTER_BUFFER_SIZE=16"}), Plus(kLargest, {"LINK_MASTER_BUFFER_SIZE=15"}),
+       "LINK_MASTER_BUFFER_SIZE"},
+      {{"VSW_INTERQUAD_BUFFER_SIZE=11"}, {"VSW_INTERQUAD_BUFFER_SIZE=10"}, "VSW_INTERQUAD_BUFFER_SIZE"},
+      {Plus(kLargest, {"TOKENS_PER_LINK=9"}), Plus(kLargest, {"TOKENS_PER_LINK=8"}), "TOKENS_PER_LINK"},
+      // Without BFM_TOKENS_PER_LINK the host grants TOKENS_PER_LINK.
+      {{"TOKENS_PER_LINK=5"}, {"TOKENS_PER_LINK=4"}, "TOKENS_PER_LINK"},
+      {{"PERCENTAGE_RD_128B=1", "TOKENS_PER_LINK=9"},
+       {"PERCENTAGE_RD_128B=1", "TOKENS_PER_LINK=8"},
+       "BFM_TOKENS_PER_LINK"},
+      {{"PERCENTAGE_RD_128B=1", "TOKENS_PER_LINK=8", "RESPONSE_OPEN_LOOP=true"},
+       {"PERCENTAGE_RD_128B=1", "TOKENS_PER_LINK=8"},
+       "BFM_TOKENS_PER_LINK"},
+      {{"MAX_TOKEN_RETURN=1"}, {"MAX_TOKEN_RETURN=0"}, "MAX_TOKEN_RETURN"},
+      {Plus(kLargest, {"DATA_Q_CAPACITY=10"}), Plus(kLargest, {"DATA_Q_CAPACITY=9"}), "DATA_Q_CAPACITY"},
+      {{"PERCENTAGE_WR_64B=0", "PERCENTAGE_WR_16B=1", "DATA_Q_CAPACITY=3"},
+       {"PERCENTAGE_WR_64B=0", "PERCENTAGE_WR_16B=1", "DATA_Q_CAPACITY=2"},
+       "DATA_Q_CAPACITY"},
+      {Plus(kLargest, {"CREDITS_FOR_PROCESSING=9"}), Plus(kLargest, {"CREDITS_FOR_PROCESSING=8"}),
+       "CREDITS_FOR_PROCESSING"},
+      {{"CREDITS_FOR_PROCESSING=59", "VSW_RESPONSE_BUFFER_SIZE=61"},
+       {"CREDITS_FOR_PROCESSING=62", "VSW_RESPONSE_BUFFER_SIZE=61"},
+       "CREDITS_FOR_PROCESSING"},
+      // Three flits of a vault move per cycle, two credits go back: a
+      // 9-flit response may leave 3 credits behind, a 5-flit one 2.
+      {Plus(kLargest, {"VSW_RESPONSE_BUFFER_SIZE=12"}), Plus(kLargest, {"VSW_RESPONSE_BUFFER_SIZE=11"}),
+       "VSW_RESPONSE_BUFFER_SIZE"},
+      {{"VSW_RESPONSE_BUFFER_SIZE=11"}, {"VSW_RESPONSE_BUFFER_SIZE=10"}, "VSW_RESPONSE_BUFFER_SIZE"},
+      {{"FLITS_PER_CYCLE_VSW=2", "VSW_RESPONSE_BUFFER_SIZE=9"},
+       {"FLITS_PER_CYCLE_VSW=3", "VSW_RESPONSE_BUFFER_SIZE=9"},
+       "VSW_RESPONSE_BUFFER_SIZE"},
+      {{"TRANSACTION_Q_CAPACITY=1"}, {"TRANSACTION_Q_CAPACITY=0"}, "TRANSACTION_Q_CAPACITY"},
+      {{"REQUEST_Q_CAPACITY=1"}, {"REQUEST_Q_CAPACITY=0"}, "REQUEST_Q_CAPACITY"},
+      {{"WRITE_CREDITS_PER_CYCLE=1"}, {"WRITE_CREDITS_PER_CYCLE=0"}, "WRITE_CREDITS_PER_CYCLE"},
+      {{"LSW_INTERQUAD_BUFFER_SIZE=1"}, {"LSW_INTERQUAD_BUFFER_SIZE=0"}, "LSW_INTERQUAD_BUFFER_SIZE"},
+      {{"SMOOTHING_BUFFER_LM_SIZE=1"}, {"SMOOTHING_BUFFER_LM_SIZE=0"}, "SMOOTHING_BUFFER_LM_SIZE"},
+      {{"SMOOTHING_BUFFER_Q_SIZE=1"}, {"SMOOTHING_BUFFER_Q_SIZE=0"}, "SMOOTHING_BUFFER_Q_SIZE"},
+      {{"FLITS_OUT_PER_CYCLE_VC=2"}, {"FLITS_OUT_PER_CYCLE_VC=1"}, "FLITS_OUT_PER_CYCLE_VC"},
+      {{"FLITS_IN_PER_CYCLE_VC=1"}, {"FLITS_IN_PER_CYCLE_VC=0"}, "FLITS_IN_PER_CYCLE_VC"},
+      {{"MAX_REQUEST_SIZE=64"}, {"MAX_REQUEST_SIZE=63"}, "MAX_REQUEST_SIZE"},
+      {Plus(kLargest, {"MAX_REQUEST_SIZE=128"}), Plus(kLargest, {"MAX_REQUEST_SIZE=127"}),
+       "MAX_REQUEST_SIZE"},
+      // Two beats per column access, one response flit per beat.
+      {{"PERCENTAGE_RD_64B=0", "PERCENTAGE_RD_128B=1", "COLUMN_ACCESS_LENGTH=40"},
+       {"PERCENTAGE_RD_64B=0", "PERCENTAGE_RD_112B=1", "COLUMN_ACCESS_LENGTH=40"},
+       "COLUMN_ACCESS_LENGTH"},
+      {{"COLUMN_ACCESS_LENGTH=1"}, {"COLUMN_ACCESS_LENGTH=0"}, "COLUMN_ACCESS_LENGTH"},
+      {{"tCMD=0.4"}, {"tCMD=0.5"}, "tCMD"},
+      {{"tCMD=0.8"}, {"tCMD=1.6"}, "tCMD"},
+      {{"FLIT_SIZE=16"}, {"FLIT_SIZE=32"}, "FLIT_SIZE"},
+      {{"FLITS_PER_CYCLE_LSW=1"}, {"FLITS_PER_CYCLE_LSW=2"}, "FLITS_PER_CYCLE_LSW"},
+      {{"FLITS_PER_CYCLE_LINK=4", "FLITS_PER_CYCLE_LSW=4"},
+       {"FLITS_PER_CYCLE_LINK=4", "FLITS_PER_CYCLE_LSW=5"},
+       "FLITS_PER_CYCLE_LSW"},
+      // 20 lanes at 15 Gb/s carry 4 flits per core cycle, 16 lanes 3.
+      {{"LINK_2_WIDTH=16"}, {"LINK_2_WIDTH=20"}, "LINK_2_WIDTH"},
+      {{"LINK_SPEED=15"}, {"LINK_SPEED=0"}, "LINK_SPEED"},
+      {{"NUM_VAULTS=16"}, {"NUM_VAULTS=8"}, "NUM_VAULTS"},
+      {{"VAULTS_PER_QUAD=2", "NUM_VAULTS=8"}, {"VAULTS_PER_QUAD=8", "NUM_VAULTS=32"}, "VAULTS_PER_QUAD"},
+      {{"NUM_QUADS=4", "NUM_LINKS=4"}, {"NUM_QUADS=2", "NUM_LINKS=2", "NUM_VAULTS=8"}, "NUM_QUADS"},
+      // Traces can hold every size.
+      {{"USE_TRACE=true", "LINK_MASTER_BUFFER_SIZE=16"},
+       {"USE_TRACE=true", "LINK_MASTER_BUFFER_SIZE=15"},
+       "LINK_MASTER_BUFFER_SIZE"},
+  };
+  std::string error;
+  EXPECT_TRUE(CheckBenchSettings(Config(), HostSetup(), error)) << error;
+  for (const Case& c : cases) {
+    EXPECT_TRUE(CheckBenchSettings(ConfigWith(c.good), HostSetup(), error)) << c.key << ": " << error;
+    ASSERT_FALSE(CheckBenchSettings(ConfigWith(c.bad), HostSetup(), error)) << c.key;
+    EXPECT_EQ(error.rfind(std::string("key ") + c.key + ":", 0), 0u) << error;
+    EXPECT_FALSE(CheckBenchSettings(ConfigWith(c.bad), HostSetup(), error, true));
+    EXPECT_TRUE(CheckBenchSettings(ConfigWith(c.bad), HostSetup(), error, false)) << error;
+  }
+}
+
+// The limits apply to the values the cube runs with: after the token
+// variables and the host's setters.
+TEST(ZelsimLimits, TokensAndLinksAreCheckedAsTheHostWillSetThem) {
+  std::string error;
+  const Config largest = ConfigWith(kLargest);
+  HostSetup setup;
+  setenv("LIBZEL_NUM_TOKENS", "8", 1);
+  EXPECT_FALSE(CheckBenchSettings(largest, setup, error));
+  EXPECT_NE(error.find("key TOKENS_PER_LINK: 8 is below 9"), std::string::npos) << error;
+  setup.cubeTokens = 9;  // --set TOKENS_PER_LINK wins over the variable, and the host grants 8
+  EXPECT_FALSE(CheckBenchSettings(largest, setup, error));
+  EXPECT_NE(error.find("key BFM_TOKENS_PER_LINK: the host grants 8 "), std::string::npos) << error;
+  setenv("ZEL_BFM_NUM_TOKENS", "9", 1);
+  EXPECT_TRUE(CheckBenchSettings(largest, setup, error)) << error;
+  setup.hostTokensGiven = true;
+  setup.hostTokens = 8;
+  EXPECT_FALSE(CheckBenchSettings(largest, setup, error));
+  setup.hostTokens = 0;  // 0 means the cube's own count
+  EXPECT_TRUE(CheckBenchSettings(largest, setup, error)) << error;
+  unsetenv("LIBZEL_NUM_TOKENS");
+  unsetenv("ZEL_BFM_NUM_TOKENS");
+
+  HostSetup link;
+  link.linkRate = 60;
+  link.lanes = 24;  // 4.8 flits per core cycle round up to 5
+  EXPECT_FALSE(CheckBenchSettings(Config(), link, error));
+  EXPECT_NE(error.find("LINK_0_WIDTH (as --link-rate and --lanes set it): 24 lanes at 15 Gb/s carry 5 flits"),
+            std::string::npos)
+      << error;
+  link.linkRate = 40;  // 10 Gb/s: 2.67 flits per core cycle, rounded up to 3
+  link.lanes = 20;
+  EXPECT_TRUE(CheckBenchSettings(Config(), link, error)) << error;
+}
+
+TEST(ZelsimLimits, RefusalsEndWithStatus2BeforeTheCubeIsBuilt) {
+  // The deadlock of a link master that can't hold a whole response and the
+  // vault switch's reserve.
+  ExpectRefusal({"--set", "LINK_MASTER_BUFFER_SIZE=9", "--set", "HOST_MAPPING=1", "--set", "SIM_TIME=3000"},
+                {"key LINK_MASTER_BUFFER_SIZE: 9 is below 12", "whole packets"});
+  ExpectRefusal({"--lanes", "32"},
+                {"LINK_0_WIDTH", "--lanes", "6 flits per core cycle", "FLITS_PER_CYCLE_LINK"});
+  setenv("ZEL_BFM_NUM_TOKENS", "8", 1);
+  ExpectRefusal({"--set", "PERCENTAGE_RD_128B=1"}, {"BFM_TOKENS_PER_LINK", "ZEL_BFM_NUM_TOKENS", "9 flits"});
+  unsetenv("ZEL_BFM_NUM_TOKENS");
+  ExpectRefusal({"--deadlock-timeout", "soon"}, {"--deadlock-timeout", "'soon'"});
+  ExpectRefusal({"--deadlock-timeout", "1000000000001"}, {"--deadlock-timeout"});
+
+  const char* argv[] = {"zelsim", "--deadlock-timeout=0", "--no-config-guards"};
+  Options options;
+  std::string error;
+  ASSERT_EQ(ParseCommandLine(3, argv, options, error), ParseStatus::Run) << error;
+  EXPECT_EQ(options.deadlockTimeoutNs, 0u);
+  EXPECT_FALSE(options.configGuards);
+  std::string out;
+  EXPECT_EQ(RunBench({"--help"}, nullptr, &out), kExitClean);
+  EXPECT_NE(out.find("--deadlock-timeout NS"), std::string::npos);
+  EXPECT_NE(out.find("  3  the model stopped the run"), std::string::npos) << out;
+  EXPECT_NE(out.find("  4  deadlock"), std::string::npos) << out;
+  EXPECT_EQ(out.find("--no-config-guards"), std::string::npos);  // for tests only
+}
+
+// A model error that ends the program with exit(0) (here a link switch that
+// receives flits out of order, since FLITS_PER_CYCLE_LSW is too small for
+// the link) is not taken for a clean run.
+TEST(ZelsimEnds, AModelStopWithStatus0EndsWithStatus3) {
+  auto run = [] {
+    dup2(2, 1);
+    const char* argv[] = {"zelsim", "--no-config-guards", "--set", "FLITS_PER_CYCLE_LSW=2",
+                          "--set",  "HOST_MAPPING=1",     "--set", "SIM_TIME=3000"};
+    std::exit(RunZelsim(static_cast<int>(sizeof argv / sizeof argv[0]), argv));
+  };
+  EXPECT_EXIT(run(), ::testing::ExitedWithCode(kExitModelStopped),
+              "Non-contiguous tag received from LS in LSW(.|\n)*\nzelsim: the model stopped the run\n$");
+}
+
+// A vault controller that can't hold a transaction's commands takes none:
+// requests pile up, the cube stops giving tokens back and no flit moves.
+TEST(ZelsimEnds, TheWatchdogReportsADeadlockWithTheStateOfTheCube) {
+  std::string err;
+  std::string out;
+  EXPECT_EQ(RunBench({"--no-config-guards", "--set", "REQUEST_Q_CAPACITY=0", "--set", "SIM_TIME=0",
+                      "--deadlock-timeout", "500"},
+                     &err, &out),
+            kExitDeadlock);
+  EXPECT_NE(err.find("zelsim: deadlock: no flit moved for 500 ns with "), std::string::npos) << err;
+  EXPECT_NE(err.find(" requests outstanding\n"), std::string::npos) << err;
+  const std::size_t line = out.find("zelsim: deadlock: no flit moved for 500 ns");
+  ASSERT_NE(line, std::string::npos);
+  EXPECT_NE(out.find("== VSW", line), std::string::npos);  // the state dump follows
+  EXPECT_EQ(out.find("==== zelsim summary"), std::string::npos);
+}
+
+// The deadlock of a link master whose buffer can't hold a whole response
+// beyond the vault switch's reserve, found while --check-rest drains.
+TEST(ZelsimEnds, TheWatchdogStopsARestCheckThatCanNotDrain) {
+  std::string err;
+  std::string out;
+  EXPECT_EQ(RunBench({"--no-config-guards", "--check-rest", "--set", "LINK_MASTER_BUFFER_SIZE=9", "--set",
+                      "HOST_MAPPING=1", "--set", "SIM_TIME=3000", "--deadlock-timeout", "2000"},
+                     &err, &out),
+            kExitDeadlock);
+  EXPECT_NE(err.find("zelsim: deadlock: no flit moved for 2000 ns"), std::string::npos) << err;
+  EXPECT_EQ(out.find("rest state OK"), std::string::npos);
+}
+
+// Long quiet spells with nothing outstanding are no deadlock.
+TEST(ZelsimEnds, TheWatchdogSleepsWhileNothingIsOutstanding) {
+  RunResults r;
+  std::string err;
+  EXPECT_EQ(RunBench({"--set", "NUM_REQUESTS=3", "--set", "NUM_GENERATORS=1", "--set", "REQUEST_SPACING=2000",
+                      "--set", "SIM_TIME=0", "--deadlock-timeout", "1000"},
+                     &err, nullptr, &r),
+            kExitClean)
+      << err;
+  EXPECT_TRUE(r.drained);
+  EXPECT_GT(r.endTimeNs, 2 * 2000 * 1.6);
+}
+
+// Small configurations end to end, judged from the JSON alone: every
+// non-posted request completed, and neither direction of any link carried
+// more flits than its rate allows. The links are slowed to one flit per
+// core cycle (10 Gb/s, 8 lanes), so that the traffic fills them.
+TEST(ZelsimRun, JsonShowsEveryRequestCompletedWithinTheLinkRate) {
+  TempDir dir;
+  const std::string json = dir.path + "/r.json";
+  std::string err;
+  EXPECT_EQ(RunBench({"--link-rate", "40",
+                      "--lanes",     "8",
+                      "--json",      json,
+                      "--set",       "NUM_REQUESTS=100",
+                      "--set",       "SIM_TIME=0",
+                      "--set",       "POSTED_WRITES=true",
+                      "--set",       "USE_ATOMICS=1",
+                      "--set",       "ATOMICS_PERCENTAGE=20",
+                      "--set",       "PERCENTAGE_READ=60",
+                      "--set",       "PERCENTAGE_RD_128B=100"},
+                     &err),
+            kExitClean)
+      << err;
+  std::ifstream file(json);
+  std::stringstream read;
+  read << file.rdbuf();
+  const std::string text = read.str();
+  const std::vector<double> issued = JsonNumbers(text, "issued");
+  const std::vector<double> posted = JsonNumbers(text, "posted");
+  const std::vector<double> completed = JsonNumbers(text, "completed");
+  const std::vector<double> requestFlits = JsonNumbers(text, "request_flits");
+  const std::vector<double> responseFlits = JsonNumbers(text, "response_flits");
+  const std::vector<double> end = JsonNumbers(text, "end_time_ns");
+  ASSERT_EQ(completed.size(), 5u);  // four links and the total
+  ASSERT_EQ(end.size(), 1u);
+  EXPECT_EQ(issued[4], 400);
+  EXPECT_GT(posted[4], 40);
+  const double cycles = end[0] / 1.6;
+  for (std::size_t link = 0; link < 5; ++link) {
+    EXPECT_EQ(completed[link], issued[link] - posted[link]) << "link " << link;
+    if (link == 4) break;
+    EXPECT_GT(requestFlits[link], 0);
+    // One flit per 1.6 ns each way.
+    EXPECT_LE(requestFlits[link], cycles + 1) << "link " << link;
+    EXPECT_LE(responseFlits[link], cycles + 1) << "link " << link;
+    EXPECT_GT(requestFlits[link] + responseFlits[link], cycles / 2) << "the link was not busy";
+  }
+}

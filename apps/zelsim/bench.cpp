@@ -3,10 +3,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
+#include <limits>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -25,7 +28,15 @@ namespace {
 int Refuse(const std::string& message) {
   std::cout.flush();
   std::cerr << "zelsim: " << message << std::endl;
-  return 2;
+  return kExitRefused;
+}
+
+std::string Num(uint64_t value) { return std::to_string(value); }
+
+std::string NsText(const sc_core::sc_time& time) {
+  std::ostringstream text;
+  text << std::setprecision(10) << time.to_seconds() * 1e9;
+  return text.str();
 }
 
 uint64_t WeightSum(const unsigned (&weights)[8]) {
@@ -45,6 +56,14 @@ const std::string& TraceFileName(const Config& cfg, unsigned generator) {
     default:
       return cfg.TRACE_FILENAME_3;
   }
+}
+
+// A token variable of the environment, already checked to be a count.
+bool TokenVariable(const char* variable, unsigned& value) {
+  const char* text = std::getenv(variable);
+  if (text == nullptr) return false;
+  value = static_cast<unsigned>(std::strtoul(text, nullptr, 10));
+  return true;
 }
 
 // Writes the overlay where the library will read it and points
@@ -103,7 +122,51 @@ constexpr double kSettleCycles = 1000;
 // most `limit`; false if the limit came first.
 bool RunUntilDrained(LegalHost& host, const sc_core::sc_time& limit) {
   sc_core::sc_start(limit);
-  return host.pausedAtDrain;
+  return host.pausedAtDrain && !host.deadlocked;
+}
+
+// ---- Ends that are not a finished run
+
+// The model ends the program with exit(0) on some broken rules, which would
+// pass for a clean run. From the cube's construction until RunZelsim
+// returns, an exit handler turns such an end into its own status.
+enum class RunState { NotStarted, Simulating, Finished };
+RunState runState = RunState::NotStarted;
+
+void CatchModelStop() {
+  if (runState != RunState::Simulating) return;
+  std::cout.flush();
+  std::fflush(stdout);
+  std::fputs("zelsim: the model stopped the run\n", stderr);
+  std::fflush(stderr);
+  _exit(kExitModelStopped);
+}
+
+// Arms the exit handler for as long as it lives.
+class ModelStopGuard {
+ public:
+  ModelStopGuard() {
+    static const bool registered = std::atexit(CatchModelStop) == 0;
+    (void)registered;
+    runState = RunState::Simulating;
+  }
+  ~ModelStopGuard() { runState = RunState::Finished; }
+  ModelStopGuard(const ModelStopGuard&) = delete;
+  ModelStopGuard& operator=(const ModelStopGuard&) = delete;
+};
+
+// The watchdog's end: one line on standard output and standard error, and
+// the state of the cube as the deadlock left it.
+int ReportDeadlock(Cube2in1Wrapper& wrapper, const LegalHost& host) {
+  std::ostringstream line;
+  line << "zelsim: deadlock: no flit moved for " << NsText(host.setup.deadlockTimeout) << " ns with "
+       << host.RequestsOutstanding() << " requests outstanding";
+  std::cout << line.str() << " (last flit at " << NsText(host.lastFlitMove) << " ns, stopped at "
+            << NsText(sc_core::sc_time_stamp()) << " ns); state of the cube:" << std::endl;
+  wrapper.cube->DumpState();
+  std::cout.flush();
+  std::cerr << line.str() << std::endl;
+  return kExitDeadlock;
 }
 
 std::string LimitText(const sc_core::sc_time& limit) {
@@ -127,6 +190,8 @@ std::vector<std::string> DrainAndCheck(Cube2in1Wrapper& wrapper, LegalHost& host
   if (!drained) {
     phases.phase = RestPhaseSource::Phase::Quiet;
     drained = RunUntilDrained(host, kDrainLimit);
+    // The watchdog has stopped the kernel for good.
+    if (host.deadlocked) return problems;
     if (!drained)
       problems.push_back("host: traffic still under way " + LimitText(kDrainLimit) + " after SIM_TIME");
   }
@@ -140,6 +205,7 @@ std::vector<std::string> DrainAndCheck(Cube2in1Wrapper& wrapper, LegalHost& host
   if (drained) {
     phases.phase = RestPhaseSource::Phase::Flush;
     flushed = RunUntilDrained(host, kDrainLimit);
+    if (host.deadlocked) return problems;
     if (!flushed) problems.push_back("host: credit flush still under way after " + LimitText(kDrainLimit));
     RunResults after;
     host.CollectResults(after);
@@ -157,7 +223,290 @@ std::vector<std::string> DrainAndCheck(Cube2in1Wrapper& wrapper, LegalHost& host
   return problems;
 }
 
+// ---- Limits of the cube ------------------------------------------------------------
+
+// What the run's traffic can ask of the cube at most: the generators' mix
+// (anything at all when traces are replayed), and the 16-byte writes of the
+// --check-rest credit flush.
+struct TrafficBounds {
+  unsigned readSizes = 0;  // bit i set: reads of 16 (i + 1) bytes can occur
+  unsigned largestRead = 0;
+  unsigned largestWrite = 16;
+};
+
+TrafficBounds BoundsOfTraffic(const Config& cfg) {
+  TrafficBounds bounds;
+  if (cfg.USE_TRACE) {
+    bounds.readSizes = 0xff;
+    bounds.largestRead = 128;
+    bounds.largestWrite = 128;
+    return bounds;
+  }
+  const TrafficSettings traffic = TrafficSettings::FromConfig(cfg, cfg.NUM_LINKS);
+  if (traffic.atomics && traffic.atomicsPercent >= 100) return bounds;
+  for (unsigned i = 0; i < 8; ++i) {
+    const unsigned bytes = 16 * (i + 1);
+    if (traffic.percentRead > 0 && traffic.readWeights[i] > 0) {
+      bounds.readSizes |= 1u << i;
+      bounds.largestRead = bytes;
+    }
+    if (traffic.percentRead < 100 && traffic.writeWeights[i] > 0) bounds.largestWrite = bytes;
+  }
+  return bounds;
+}
+
+// Flits of the largest request packet (a write, or the two flits of an
+// atomic or of a flush write) and of the largest response packet.
+unsigned LargestRequestFlits(const TrafficBounds& b) { return b.largestWrite / 16 + 1; }
+unsigned LargestResponseFlits(const TrafficBounds& b) {
+  return b.largestRead == 0 ? 1 : b.largestRead / 16 + 1;
+}
+
+// The link switch asks for two write credits before it passes any flit of a
+// write, the tail included, and by the tail it has spent one for each flit
+// before it: a write of L bytes gets through only with L / 16 + 2 places of
+// the controller's data queue free.
+unsigned WriteCreditsToPass(unsigned bytes) { return bytes / 16 + 2; }
+
+// The vault switch's fixed limits: it holds back from its link master at 7
+// credits or fewer, and from another quad at 10 or fewer. Below these it
+// stops rearming itself for that destination, and only a returning credit
+// wakes it again.
+constexpr unsigned kLinkMasterShortCredits = 7;
+constexpr unsigned kPeerShortCredits = 10;
+
+// Credits of a vault that the vault switch may keep back after one packet:
+// it moves up to FLITS_PER_CYCLE_VSW flits of a vault per cycle into the
+// smoothing buffers, but returns at most FLITS_OUT_PER_CYCLE_VC credits per
+// pulse, and pulses only while flits move.
+unsigned ParkedCredits(const Config& cfg, unsigned packetFlits) {
+  const unsigned moved = cfg.FLITS_PER_CYCLE_VSW;
+  const unsigned returned = cfg.FLITS_OUT_PER_CYCLE_VC;
+  if (moved <= returned || moved == 0) return 0;
+  return (packetFlits + moved - 1) / moved * (moved - returned);
+}
+
+// Column accesses of a read of `bytes` at an even column, as the vault
+// controller counts them.
+unsigned ColumnAccesses(unsigned bytes, unsigned accessLength) {
+  return bytes / accessLength + (bytes % accessLength != 0 ? 1 : 0);
+}
+
+// The checks of configurations that the cube can't run to the end, which
+// would otherwise deadlock, stop on a model error or run out of its
+// buffers. `built` is the configuration the cube is built with, `cfg` the
+// one it runs with: the setters' and the token variables' effects included.
+bool CheckModelLimits(const Config& built, const Config& cfg, std::string& error) {
+  auto refuse = [&](const std::string& key, const std::string& why) {
+    error = "key " + key + ": " + why;
+    return false;
+  };
+  auto atLeast = [&](const char* key, unsigned value, unsigned minimum, const std::string& why) {
+    if (value >= minimum) return true;
+    return refuse(key, Num(value) + " is below " + Num(minimum) + ": " + why);
+  };
+
+  // Shape.
+  if (cfg.NUM_QUADS != 4) {
+    return refuse("NUM_QUADS", Num(cfg.NUM_QUADS) +
+                                   " quads; the vault switches pair quads 0 with 3 and 1 with 2 and know the "
+                                   "link master as source 3, so traffic needs exactly 4 quads");
+  }
+  if (cfg.VAULTS_PER_QUAD == 0 || cfg.VAULTS_PER_QUAD > cfg.NUM_QUADS) {
+    return refuse("VAULTS_PER_QUAD",
+                  Num(cfg.VAULTS_PER_QUAD) + " is not from 1 to NUM_QUADS (" + Num(cfg.NUM_QUADS) +
+                      "): a link switch turns another quad's requests over NUM_QUADS local vaults only, so "
+                      "requests to the others would wait for ever");
+  }
+  if (cfg.NUM_VAULTS != cfg.NUM_QUADS * cfg.VAULTS_PER_QUAD) {
+    return refuse("NUM_VAULTS", Num(cfg.NUM_VAULTS) + " vaults, but NUM_QUADS x VAULTS_PER_QUAD build " +
+                                    Num(cfg.NUM_QUADS * cfg.VAULTS_PER_QUAD) +
+                                    "; addresses must map onto the vaults that exist");
+  }
+  if (cfg.FLIT_SIZE != 16) {
+    return refuse("FLIT_SIZE", Num(cfg.FLIT_SIZE) +
+                                   " bytes; the vault controllers check lengths in steps of 16 bytes and "
+                                   "answer with one flit per 16 bytes, so flits must be 16 bytes");
+  }
+
+  // Ports and lanes.
+  const std::string noFlits = "a block that passes no flits per cycle stops all traffic";
+  if (!atLeast("FLITS_PER_CYCLE_LINK", cfg.FLITS_PER_CYCLE_LINK, 1, noFlits) ||
+      !atLeast("FLITS_PER_CYCLE_LSW", cfg.FLITS_PER_CYCLE_LSW, 1, noFlits) ||
+      !atLeast("FLITS_PER_CYCLE_LSW_REMOTE", cfg.FLITS_PER_CYCLE_LSW_REMOTE, 1, noFlits) ||
+      !atLeast("FLITS_PER_CYCLE_VSW", cfg.FLITS_PER_CYCLE_VSW, 1, noFlits) ||
+      !atLeast("FLITS_IN_PER_CYCLE_VC", cfg.FLITS_IN_PER_CYCLE_VC, 1, noFlits) ||
+      !atLeast("FLITS_OUT_PER_CYCLE_VC", cfg.FLITS_OUT_PER_CYCLE_VC, 2,
+               "a vault controller sends the last two flits of a read response at once, on two ports")) {
+    return false;
+  }
+  if (cfg.FLITS_PER_CYCLE_LSW > cfg.FLITS_PER_CYCLE_LINK) {
+    return refuse("FLITS_PER_CYCLE_LSW",
+                  Num(cfg.FLITS_PER_CYCLE_LSW) + " is above FLITS_PER_CYCLE_LINK (" +
+                      Num(cfg.FLITS_PER_CYCLE_LINK) +
+                      "): a link numbers the flits it buffers over FLITS_PER_CYCLE_LSW "
+                      "lanes, one port to its link switch each");
+  }
+  // The links compute their rates when they are built, before the host's
+  // setters change them.
+  if (!(built.LINK_SPEED > 0.0f) || !(cfg.LINK_SPEED > 0.0f)) {
+    return refuse("LINK_SPEED", "a link needs a speed above 0 Gb/s per lane");
+  }
+  const unsigned widths[4] = {cfg.LINK_0_WIDTH, cfg.LINK_1_WIDTH, cfg.LINK_2_WIDTH, cfg.LINK_3_WIDTH};
+  const bool fromOptions = cfg.LINK_SPEED != built.LINK_SPEED || cfg.LINK_0_WIDTH != built.LINK_0_WIDTH ||
+                           cfg.LINK_1_WIDTH != built.LINK_1_WIDTH || cfg.LINK_2_WIDTH != built.LINK_2_WIDTH ||
+                           cfg.LINK_3_WIDTH != built.LINK_3_WIDTH;
+  for (unsigned link = 0; link < cfg.NUM_LINKS && link < 4; ++link) {
+    const std::string key =
+        "LINK_" + Num(link) + "_WIDTH" + (fromOptions ? " (as --link-rate and --lanes set it)" : "");
+    const sc_core::sc_time flitTime = FlitTimeOnLink(cfg.FLIT_SIZE, widths[link], cfg.LINK_SPEED);
+    const unsigned perCycle =
+        flitTime == sc_core::SC_ZERO_TIME
+            ? std::numeric_limits<unsigned>::max()
+            : FlitsPerCoreCycle(cfg.CORE_CLK, flitTime, std::numeric_limits<unsigned>::max());
+    std::ostringstream speed;
+    speed << cfg.LINK_SPEED;
+    const std::string lanes = Num(widths[link]) + " lanes at " + speed.str() + " Gb/s";
+    if (perCycle > cfg.FLITS_PER_CYCLE_LINK) {
+      return refuse(key, lanes + " carry " +
+                             (flitTime == sc_core::SC_ZERO_TIME ? std::string("unlimited") : Num(perCycle)) +
+                             " flits per core cycle, more than the link's FLITS_PER_CYCLE_LINK (" +
+                             Num(cfg.FLITS_PER_CYCLE_LINK) + ") ports to its link switch");
+    }
+    if (cfg.FLITS_PER_CYCLE_LSW != 1 && cfg.FLITS_PER_CYCLE_LSW < perCycle) {
+      return refuse("FLITS_PER_CYCLE_LSW",
+                    Num(cfg.FLITS_PER_CYCLE_LSW) + " is neither 1 nor at least the " + Num(perCycle) +
+                        " flits per core cycle of link " + Num(link) + " (" + lanes +
+                        "): flits the link can't pass on in their cycle keep their lanes and reach the link "
+                        "switch out of order");
+    }
+  }
+
+  // Tokens between host and cube.
+  const TrafficBounds traffic = BoundsOfTraffic(cfg);
+  const unsigned requestFlits = LargestRequestFlits(traffic);
+  const unsigned responseFlits = LargestResponseFlits(traffic);
+  if (!atLeast("MAX_TOKEN_RETURN", cfg.MAX_TOKEN_RETURN, 1,
+               "a link that may hand back no token per flit never gives the host any") ||
+      !atLeast("TOKENS_PER_LINK", cfg.TOKENS_PER_LINK, requestFlits,
+               "the host sends a request packet only with a token for each flit, and the largest has " +
+                   Num(requestFlits) + " flits")) {
+    return false;
+  }
+  if (!cfg.RESPONSE_OPEN_LOOP && cfg.BFM_TOKENS_PER_LINK < responseFlits) {
+    return refuse("BFM_TOKENS_PER_LINK",
+                  "the host grants " + Num(cfg.BFM_TOKENS_PER_LINK) + " response tokens per link (" +
+                      "BFM_TOKENS_PER_LINK, else ZEL_BFM_NUM_TOKENS, else TOKENS_PER_LINK), fewer than the " +
+                      Num(responseFlits) +
+                      " flits of the largest response packet, which a link master sends only with a token "
+                      "for each");
+  }
+
+  // Link master and vault switch.
+  if (!atLeast("LINK_MASTER_BUFFER_SIZE", cfg.LINK_MASTER_BUFFER_SIZE,
+               kLinkMasterShortCredits + responseFlits,
+               "a link master sends only whole packets, and the vault switch holds back from it at " +
+                   Num(kLinkMasterShortCredits) + " free places or fewer, so it needs " +
+                   Num(kLinkMasterShortCredits) + " places beyond the largest response packet (" +
+                   Num(responseFlits) + " flits)") ||
+      !atLeast("VSW_INTERQUAD_BUFFER_SIZE", cfg.VSW_INTERQUAD_BUFFER_SIZE, kPeerShortCredits + 1,
+               "a vault switch holds back from another quad at " + Num(kPeerShortCredits) +
+                   " credits or fewer and wakes again only on a returning credit, so with all its credits "
+                   "home it must have more than that") ||
+      !atLeast("SMOOTHING_BUFFER_LM_SIZE", cfg.SMOOTHING_BUFFER_LM_SIZE, 1, "responses pass through it") ||
+      !atLeast("SMOOTHING_BUFFER_Q_SIZE", cfg.SMOOTHING_BUFFER_Q_SIZE, 1,
+               "responses to other quads pass through it") ||
+      !atLeast("LSW_INTERQUAD_BUFFER_SIZE", cfg.LSW_INTERQUAD_BUFFER_SIZE, 1,
+               "requests to other quads pass through it")) {
+    return false;
+  }
+
+  // Vault controller.
+  const unsigned largestRequest = std::max(traffic.largestRead, traffic.largestWrite);
+  const unsigned readCredits = responseFlits;
+  if (!atLeast("TRANSACTION_Q_CAPACITY", cfg.TRANSACTION_Q_CAPACITY, 1,
+               "a vault controller must take requests") ||
+      !atLeast("REQUEST_Q_CAPACITY", cfg.REQUEST_Q_CAPACITY, 1,
+               "a vault controller must hold a transaction's commands") ||
+      !atLeast("DATA_Q_CAPACITY", cfg.DATA_Q_CAPACITY, WriteCreditsToPass(traffic.largestWrite),
+               "the link switch wants 2 free places of the data queue before each flit of a write, the tail "
+               "included, so a " +
+                   Num(traffic.largestWrite) + "-byte write needs " +
+                   Num(WriteCreditsToPass(traffic.largestWrite))) ||
+      !atLeast("WRITE_CREDITS_PER_CYCLE", cfg.WRITE_CREDITS_PER_CYCLE, 1,
+               "a vault controller that returns no write credit per cycle never returns any") ||
+      !atLeast("MAX_REQUEST_SIZE", cfg.MAX_REQUEST_SIZE, largestRequest,
+               "a vault controller stops the run on a longer request, and the traffic has " +
+                   Num(largestRequest) + "-byte requests") ||
+      !atLeast(
+          "CREDITS_FOR_PROCESSING", cfg.CREDITS_FOR_PROCESSING, readCredits,
+          "a vault controller takes a request only with this many response credits, which must cover the "
+          "largest response (" +
+              Num(readCredits) + " flits)")) {
+    return false;
+  }
+  if (cfg.CREDITS_FOR_PROCESSING > cfg.VSW_RESPONSE_BUFFER_SIZE) {
+    return refuse("CREDITS_FOR_PROCESSING", Num(cfg.CREDITS_FOR_PROCESSING) +
+                                                " is above VSW_RESPONSE_BUFFER_SIZE (" +
+                                                Num(cfg.VSW_RESPONSE_BUFFER_SIZE) +
+                                                "): a vault controller would wait for more response credits "
+                                                "than there are");
+  }
+  const unsigned parked = ParkedCredits(cfg, responseFlits);
+  if (!atLeast("VSW_RESPONSE_BUFFER_SIZE", cfg.VSW_RESPONSE_BUFFER_SIZE, cfg.CREDITS_FOR_PROCESSING + parked,
+               "a vault controller takes a request only with CREDITS_FOR_PROCESSING (" +
+                   Num(cfg.CREDITS_FOR_PROCESSING) +
+                   ") response credits home, and the vault switch may keep " + Num(parked) +
+                   " of them back after a " + Num(responseFlits) +
+                   "-flit response (FLITS_PER_CYCLE_VSW flits move per cycle, FLITS_OUT_PER_CYCLE_VC credits "
+                   "go back) until flits move again")) {
+    return false;
+  }
+  if (cfg.COLUMN_ACCESS_LENGTH == 0) {
+    return refuse("COLUMN_ACCESS_LENGTH", "a column access must carry bytes");
+  }
+  for (unsigned i = 0; i < 8; ++i) {
+    const unsigned bytes = 16 * (i + 1);
+    if ((traffic.readSizes & (1u << i)) == 0) continue;
+    // Each column access brings two data beats, and each beat one flit of
+    // the response; the last beat brings the tail as well.
+    if (2 * ColumnAccesses(bytes, cfg.COLUMN_ACCESS_LENGTH) < bytes / 16) {
+      return refuse("COLUMN_ACCESS_LENGTH",
+                    Num(cfg.COLUMN_ACCESS_LENGTH) + " bytes per access give a " + Num(bytes) + "-byte read " +
+                        Num(2 * ColumnAccesses(bytes, cfg.COLUMN_ACCESS_LENGTH)) +
+                        " data beats, fewer than the " + Num(bytes / 16) + " its response needs");
+    }
+  }
+
+  // DRAM command grid: row commands go on CORE_CLK edges, column commands
+  // on the tCMD slots between them.
+  const uint64_t clock = cfg.CORE_CLK.value();
+  const uint64_t slot = cfg.tCMD.value();
+  if (slot == 0 || clock % slot != 0 || clock / slot < 2) {
+    return refuse("tCMD",
+                  NsText(cfg.tCMD) + " ns; CORE_CLK (" + NsText(cfg.CORE_CLK) +
+                      " ns) must be a whole multiple of it, at least 2: row commands issue on the core "
+                      "clock's edges and column commands only on the tCMD slots between them");
+  }
+  return true;
+}
+
 }  // namespace
+
+void ApplyHostSetup(const HostSetup& setup, Config& cfg) {
+  unsigned fromEnvironment = 0;
+  if (TokenVariable("LIBZEL_NUM_TOKENS", fromEnvironment)) cfg.TOKENS_PER_LINK = fromEnvironment;
+  const unsigned cubeAtStart = cfg.TOKENS_PER_LINK;
+  if (setup.cubeTokens != 0) cfg.TOKENS_PER_LINK = setup.cubeTokens;
+  unsigned hostTokens = cubeAtStart;
+  if (TokenVariable("ZEL_BFM_NUM_TOKENS", fromEnvironment)) hostTokens = fromEnvironment;
+  if (setup.hostTokensGiven) hostTokens = setup.hostTokens;
+  cfg.BFM_TOKENS_PER_LINK = hostTokens != 0 ? hostTokens : cfg.TOKENS_PER_LINK;
+  if (setup.linkRate != 0 && setup.lanes != 0) {
+    cfg.LINK_SPEED = static_cast<float>(setup.linkRate) / 4.0f;
+    cfg.LINK_0_WIDTH = cfg.LINK_1_WIDTH = cfg.LINK_2_WIDTH = cfg.LINK_3_WIDTH = setup.lanes;
+  }
+}
 
 std::string JsonWithRestState(const std::string& json, const std::vector<std::string>& violations) {
   std::string field = "  \"rest_state\": ";
@@ -232,7 +581,7 @@ void GeneratorSource::FillResults(RunResults& results) const {
 
 // ---- Checks ------------------------------------------------------------------------
 
-bool CheckBenchSettings(const Config& cfg, std::string& error) {
+bool CheckBenchSettings(const Config& cfg, const HostSetup& setup, std::string& error, bool modelLimits) {
   auto refuse = [&](const std::string& message) {
     error = message;
     return false;
@@ -285,7 +634,10 @@ bool CheckBenchSettings(const Config& cfg, std::string& error) {
     return refuse("key NUM_GENERATORS: " + std::to_string(cfg.NUM_GENERATORS) +
                   " generators, but traces exist for 4 (TRACE_FILENAME_0 to TRACE_FILENAME_3)");
   }
-  return true;
+  if (!modelLimits) return true;
+  Config running = cfg;
+  ApplyHostSetup(setup, running);
+  return CheckModelLimits(cfg, running, error);
 }
 
 unsigned LinkRateOfSpeed(float gigabitsPerLane) {
@@ -321,17 +673,6 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   Config planned;
   ApplyOverlay(overlay, planned);
   if (options.cubeSize >= 0) planned.NUM_PARTITIONS = 2u << options.cubeSize;
-  if (!CheckBenchSettings(planned, error)) return Refuse(error);
-
-  std::vector<std::vector<TraceEntry>> traces;
-  if (planned.USE_TRACE) {
-    for (unsigned g = 0; g < planned.NUM_GENERATORS; ++g) {
-      traces.emplace_back();
-      if (!ReadTrace(TraceFileName(planned, g), traces.back(), error)) {
-        return Refuse(error + " (TRACE_FILENAME_" + std::to_string(g) + ")");
-      }
-    }
-  }
 
   HostSetup setup;
   setup.cubeSize = options.cubeSize;
@@ -354,6 +695,18 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
     setup.hostTokensGiven = true;
     setup.hostTokens = planned.BFM_TOKENS_PER_LINK;
   }
+  if (!CheckBenchSettings(planned, setup, error, options.configGuards)) return Refuse(error);
+
+  std::vector<std::vector<TraceEntry>> traces;
+  if (planned.USE_TRACE) {
+    for (unsigned g = 0; g < planned.NUM_GENERATORS; ++g) {
+      traces.emplace_back();
+      if (!ReadTrace(TraceFileName(planned, g), traces.back(), error)) {
+        return Refuse(error + " (TRACE_FILENAME_" + std::to_string(g) + ")");
+      }
+    }
+  }
+  setup.deadlockTimeout = sc_core::sc_time(static_cast<double>(options.deadlockTimeoutNs), sc_core::SC_NS);
   const auto dumpState = overlay.find("DUMP_STATE");
   const bool wantsStateDump =
       options.dumpState || (dumpState != overlay.end() && dumpState->second.value == "true");
@@ -372,6 +725,7 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   // resolved here reach it as a file of their own.
   Cube2in1Wrapper* wrapper = nullptr;
   const int64_t liveFlitsAtStart = Flit::liveRequestsAndResponses;
+  const ModelStopGuard modelStopGuard;
   {
     ConfigFileForLibrary configFile;
     if (!overlay.empty() && !configFile.Write(overlay, error)) return Refuse(error);
@@ -399,6 +753,7 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   } else {
     sc_core::sc_start(cfg.SIM_TIME);
   }
+  if (host->deadlocked) return ReportDeadlock(*wrapper, *host);
 
   RunResults results;
   results.version = VersionText();
@@ -408,6 +763,7 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   std::vector<std::string> violations;
   if (options.checkRest) {
     violations = DrainAndCheck(*wrapper, *host, *source, *phases, liveFlitsAtStart, results);
+    if (host->deadlocked) return ReportDeadlock(*wrapper, *host);
   } else {
     results.endTimeNs = sc_core::sc_time_stamp().to_seconds() * 1e9;
     host->CollectResults(results);
@@ -423,7 +779,7 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   }
   std::cout.flush();
 
-  int status = results.Mismatches() == 0 && violations.empty() ? 0 : 1;
+  int status = results.Mismatches() == 0 && violations.empty() ? kExitClean : kExitMismatch;
   if (json.is_open()) {
     if (options.checkRest) {
       std::ostringstream text;
@@ -435,7 +791,7 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
     json.close();
     if (json.fail()) {
       std::cerr << "zelsim: can't write JSON file '" << options.jsonFile << "'" << std::endl;
-      status = 1;
+      status = kExitMismatch;
     }
   }
   if (resultsOut != nullptr) *resultsOut = results;

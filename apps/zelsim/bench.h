@@ -53,8 +53,26 @@ class GeneratorSource : public RequestSource {
 
 // Checks the keys that zelsim itself reads for values it can't run with
 // (selectors out of range, all size weights 0, a cube shape the host can't
-// drive). The message names the key.
-bool CheckBenchSettings(const Config& cfg, std::string& error);
+// drive), and, with `modelLimits`, every value with which the cube could not
+// carry the run's traffic to the end: too few ports, tokens, credits or
+// buffer places for the largest packet, shapes the fabric isn't built for.
+// `cfg` is the configuration the cube is built with; the limits apply to it
+// as the token variables of the environment and the host's setters
+// (`setup`) change it. The message names the key and says why.
+bool CheckBenchSettings(const Config& cfg, const HostSetup& setup, std::string& error,
+                        bool modelLimits = true);
+
+// Gives `cfg` the values that the cube will run with once the library has
+// applied the token variables and the host has called the wrapper's setters:
+// the token counts and the link parameters.
+void ApplyHostSetup(const HostSetup& setup, Config& cfg);
+
+// Exit statuses of RunZelsim and of the zelsim program.
+constexpr int kExitClean = 0;
+constexpr int kExitMismatch = 1;      // responses didn't match, or the cube was not at rest
+constexpr int kExitRefused = 2;       // bad command line or configuration; nothing simulated
+constexpr int kExitModelStopped = 3;  // the model ended the process before zelsim finished
+constexpr int kExitDeadlock = 4;      // the deadlock watchdog stopped the run
 
 // The setLinkParams rate of a lane speed: 10, 12.5 and 15 Gb/s give 40, 50
 // and 60; any other speed gives 0.
@@ -63,8 +81,13 @@ unsigned LinkRateOfSpeed(float gigabitsPerLane);
 // Runs zelsim and returns its exit status: 0 for a clean run, 1 when
 // responses didn't match their requests (or --check-rest found the cube not
 // at rest), 2 for a bad command line or configuration (with a one-line
-// message on standard error, before any simulation). `results`, when given,
-// receives what the run found, and `rest` what --check-rest found.
+// message on standard error, before any simulation), 4 when the deadlock
+// watchdog stopped the run (with the cube's state dump). Once the
+// simulation has started, a process that ends before RunZelsim returns (the
+// model's own exit(0) on a broken rule) ends instead with status 3 and the
+// line "zelsim: the model stopped the run" on standard error. `results`,
+// when given, receives what the run found, and `rest` what --check-rest
+// found.
 int RunZelsim(int argc, const char* const* argv, RunResults* results = nullptr, RestReport* rest = nullptr);
 
 // The JSON text of WriteJson with the field "rest_state" added at its end:

@@ -90,6 +90,18 @@ bool LegalHost::Drained() const {
   return true;
 }
 
+uint64_t LegalHost::RequestsOutstanding() const {
+  uint64_t count = 0;
+  for (const RequestQueue& queue : queues) count += queue.requests.size();
+  for (const HostLink& link : links) {
+    count += link.outstanding.size();
+    // A posted packet under way is a request too; a non-posted one is
+    // already counted as outstanding.
+    if (!link.sending.empty() && IsPosted(link.sending.front()->command)) ++count;
+  }
+  return count;
+}
+
 void LegalHost::CollectResults(RunResults& results) const {
   results.links.clear();
   for (const HostLink& link : links) {
@@ -149,6 +161,13 @@ void LegalHost::HostThread() {
         if (k < plan[link.number].size()) cube.addRequestFlit(link.number, *plan[link.number][k]);
       }
       wait(sc_core::SC_ZERO_TIME);
+    }
+    if (longest > 0) lastFlitMove = sc_time_stamp();
+    if (setup.deadlockTimeout != sc_core::SC_ZERO_TIME &&
+        sc_time_stamp() - lastFlitMove >= setup.deadlockTimeout && !Drained()) {
+      deadlocked = true;
+      sc_core::sc_stop();
+      return;
     }
     if (setup.stopWhenDrained && source.Exhausted() && Drained()) {
       drained = true;
@@ -258,6 +277,9 @@ void LegalHost::TakeResponse(HostLink& link, Flit* flit) {
   // Marked first: from now on the link may no longer move a packet's tokens
   // up to this flit.
   flit->consumed = true;
+  // A TOKEN_RETURN without tokens carries nothing: a link that sends only
+  // such flits is as stuck as one that sends none.
+  if (flit->command != TOKEN_RETURN || flit->returnTokens != 0) lastFlitMove = sc_time_stamp();
   // Tokens may stand on any flit: on a tail, on a TOKEN_RETURN, or on a
   // header that they were moved up to.
   link.requestTokens += flit->returnTokens;

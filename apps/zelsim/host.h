@@ -54,6 +54,10 @@ struct HostSetup {
   // Instead of stopping, sc_pause once each time the host becomes drained,
   // so that the caller can resume with another phase (--check-rest).
   bool pauseWhenDrained = false;
+  // With traffic outstanding and no flit sent or received for this long,
+  // the host takes the cube as deadlocked, sets `deadlocked` and stops the
+  // kernel. Zero turns the watchdog off.
+  sc_core::sc_time deadlockTimeout = sc_core::SC_ZERO_TIME;
 };
 
 // Flits a link carries in one core cycle, computed as the link computes it
@@ -124,6 +128,10 @@ class LegalHost : public sc_core::sc_module {
   // Drained and paused for it (pauseWhenDrained); cleared when traffic is
   // under way again.
   bool pausedAtDrain = false;
+  // When the host last wrote or took a flit, for the deadlock watchdog.
+  sc_core::sc_time lastFlitMove = sc_core::SC_ZERO_TIME;
+  // The watchdog stopped the kernel (HostSetup::deadlockTimeout).
+  bool deadlocked = false;
 
   SC_HAS_PROCESS(LegalHost);
   LegalHost(sc_core::sc_module_name name, Cube2in1Wrapper& cube, RequestSource& source,
@@ -137,6 +145,8 @@ class LegalHost : public sc_core::sc_module {
   // Nothing queued, sent or owed: every non-posted request answered and every
   // request token back from the cube.
   bool Drained() const;
+  // Requests queued, being sent or waiting for their response.
+  uint64_t RequestsOutstanding() const;
   // The host's counts, per link and per queue.
   void CollectResults(RunResults& results) const;
 

@@ -306,6 +306,11 @@ ParseStatus ParseCommandLine(int argc, const char* const* argv, Options& options
       options.checkRest = true;
       continue;
     }
+    if (option == "--no-config-guards") {
+      if (!flagOnly()) return ParseStatus::Error;
+      options.configGuards = false;
+      continue;
+    }
     if (option == "--config" || option == "--set") {
       if (!takeValue()) return ParseStatus::Error;
       options.sources.push_back(ConfigSource{option == "--config", value});
@@ -328,6 +333,17 @@ ParseStatus ParseCommandLine(int argc, const char* const* argv, Options& options
         return ParseStatus::Error;
       }
       options.seed = number;
+      continue;
+    }
+    if (option == "--deadlock-timeout") {
+      if (!takeValue()) return ParseStatus::Error;
+      // Up to 1000 s, which a time of picoseconds holds with room to spare.
+      if (!ParseUnsignedOption(value, 1000000000000ull, number)) {
+        error = "bad value '" + value +
+                "' for --deadlock-timeout: expected a number of nanoseconds up to 10^12 (0: off)";
+        return ParseStatus::Error;
+      }
+      options.deadlockTimeoutNs = number;
       continue;
     }
     if (option == "--cube-size") {
@@ -393,6 +409,10 @@ std::string UsageText() {
          "  --link-rate RATE    link rate 40, 50 or 60 (10, 12.5 or 15 Gb/s per lane)\n"
          "  --lanes N           lanes of every link\n"
          "  --check-rest        after the run, drain the cube and check that it is at rest\n"
+         "  --deadlock-timeout NS\n"
+         "                      stop as deadlocked when no flit moves at the host for NS ns\n"
+         "                      of simulated time while traffic is outstanding (default\n"
+         "                      100000; 0: never)\n"
          "\n"
          "Output:\n"
          "  --json FILE         write the results as JSON to FILE\n"
@@ -400,9 +420,15 @@ std::string UsageText() {
          "  --help              show this text and exit\n"
          "  --version           show the version and exit\n"
          "\n"
-         "Exit status: 0 on a clean run, 1 when responses did not match requests\n"
-         "(or, with --check-rest, when the cube was not at rest), 2 when the command\n"
-         "line or the configuration is wrong.\n"
+         "Exit status:\n"
+         "  0  the run ended and every response matched its request\n"
+         "  1  responses did not match requests, or (--check-rest) the cube was not at rest\n"
+         "  2  the command line or the configuration is wrong, or the cube can't run it\n"
+         "     to the end; nothing was simulated\n"
+         "  3  the model stopped the run before zelsim finished it (a model error that\n"
+         "     ends the program with status 0 on its own)\n"
+         "  4  deadlock: traffic outstanding and no flit moved for the deadlock timeout\n"
+         "A model error that aborts ends zelsim by its signal.\n"
          "See docs/usage.md for the keys zelsim reads and the trace file format.\n";
 }
 

@@ -83,6 +83,13 @@ struct Options {
   int cubeSize = -1;      // setCubeSize encoding 0, 1, 2; -1: leave the configuration's
   unsigned linkRate = 0;  // setLinkParams rate 40, 50, 60; 0: not asked for
   unsigned lanes = 0;     // setLinkParams lanes; 0: not asked for
+  // Simulated time without a flit sent or received at the host, while
+  // traffic is outstanding, after which the run is taken as deadlocked; 0
+  // turns the watchdog off.
+  uint64_t deadlockTimeoutNs = 100000;
+  // False (--no-config-guards, for tests only): skip the refusal of
+  // configurations that the cube can't run to the end.
+  bool configGuards = true;
 };
 
 enum class ParseStatus { Run, Help, Version, Error };
