@@ -181,13 +181,14 @@ void zel2_link::HandleClockBoundary() {
   for (;;) {
     wait(cfg.CORE_CLK);
     std::vector<Flit_P> block;
+    if (!ringBuffer.empty()) block.reserve(std::min<std::size_t>(ringBuffer.size(), flitsPerClock));
     while (!ringBuffer.empty() && block.size() < flitsPerClock) {
       Flit_P flit = ringBuffer.front();
       ringBuffer.erase(ringBuffer.begin());
       flit->lane = static_cast<int>(block.size());
       block.push_back(flit);
     }
-    if (!block.empty()) delayedBlocks.Push(block, CycleDelay(cfg, cfg.LINK_INPUT_DELAY));
+    if (!block.empty()) delayedBlocks.Push(std::move(block), CycleDelay(cfg, cfg.LINK_INPUT_DELAY));
     // More flits than the link can carry in a cycle: the host broke the link rate.
     if (!ringBuffer.empty()) {
       std::cout << "==ERROR - Ring-Buffer overflow in link.  Received too many flits this core cycle ("

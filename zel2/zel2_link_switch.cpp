@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <utility>
 
 #include "zel2/zel2_cube.h"  // tsvFile
 
@@ -310,7 +311,8 @@ void zel2_link_switch::ReceiveFromInterQuad() {
       }
     }
   }
-  if (anyEarly) earlyCreditQueue.Push(earlyCredits, CycleDelay(cfg, cfg.EARLY_CREDIT_RETURN_DELAY_LSW));
+  if (anyEarly)
+    earlyCreditQueue.Push(std::move(earlyCredits), CycleDelay(cfg, cfg.EARLY_CREDIT_RETURN_DELAY_LSW));
   handleQueuesEvent.notify(CycleDelay(cfg, 1));
 }
 
@@ -369,7 +371,7 @@ void zel2_link_switch::ServeSource(unsigned src, unsigned startSource, bool& sta
   const unsigned V = cfg.VAULTS_PER_QUAD;
   // Sized by the link's width for every source, as inter-quad lanes are
   // expected to fit in it too; a larger lane grows it.
-  std::vector<bool> laneTaken(cfg.FLITS_PER_CYCLE_LINK, false);
+  laneTaken.assign(cfg.FLITS_PER_CYCLE_LINK, false);  // kept as a member to reuse its storage
   const unsigned vaultStart = localVaultPointers[src];
   unsigned firstDestination = 0;
   bool rotate = false;
@@ -593,18 +595,17 @@ void zel2_link_switch::ReceiveInterQuadCredits() {
     credits[r] = interquadCreditsIn[r].read();
     any = true;
   }
-  if (any) creditIncreaseQueue.Push(credits, CycleDelay(cfg, cfg.CREDIT_RETURN_DELAY_LSW));
+  if (any) creditIncreaseQueue.Push(std::move(credits), CycleDelay(cfg, cfg.CREDIT_RETURN_DELAY_LSW));
 }
 
 void zel2_link_switch::IncrementCredits() {
-  const std::vector<int> credits = creditIncreaseQueue.front();
+  const std::vector<int> credits = creditIncreaseQueue.Pop();
   // q is a peer index here.
   for (unsigned q = 0; q < credits.size(); ++q) {
     if (credits[q] == 0) continue;
     destinationCredits[cfg.VAULTS_PER_QUAD + q] += static_cast<uint32_t>(credits[q]);
     ZEL_ASSERT(destinationCredits[cfg.VAULTS_PER_QUAD+q]<=cfg.LSW_INTERQUAD_BUFFER_SIZE);
   }
-  creditIncreaseQueue.Pop();
   handleQueuesEvent.notify(CycleDelay(cfg, 1));
 }
 

@@ -35,7 +35,30 @@ class zel2_link_switch : public sc_core::sc_module {
   using FlitInVector = sc_core::sc_vector<sc_core::sc_in<Flit_P>>;
   using FlitOutVector = sc_core::sc_vector<sc_core::sc_out<Flit_P>>;
   // Flits that entered together for one destination; the unit of buffer space.
-  using Line = std::deque<Flit_P>;
+  // A first-in first-out list: flits join at the back and leave from the
+  // front. Lines are made and dropped for nearly every packet, so a line is
+  // one small vector with a read position rather than a deque, which would
+  // allocate a map and a large block for each.
+  class Line {
+   public:
+    explicit Line(const Flit_P& flit) {
+      flits_.reserve(4);
+      flits_.push_back(flit);
+    }
+    bool empty() const { return head_ == flits_.size(); }
+    std::size_t size() const { return flits_.size() - head_; }
+    const Flit_P& front() const { return flits_[head_]; }
+    const Flit_P& back() const { return flits_.back(); }
+    void push_back(const Flit_P& flit) { flits_.push_back(flit); }
+    void pop_front() { ++head_; }
+    using const_iterator = std::vector<Flit_P>::const_iterator;
+    const_iterator begin() const { return flits_.begin() + static_cast<std::ptrdiff_t>(head_); }
+    const_iterator end() const { return flits_.end(); }
+
+   private:
+    std::vector<Flit_P> flits_;
+    std::size_t head_ = 0;  // flits before it have left
+  };
 
   // ---- Ports
   FlitInVector linkSlaveFlits;           // from the link slave; the port index is the flit's lane
@@ -73,6 +96,7 @@ class zel2_link_switch : public sc_core::sc_module {
   std::vector<unsigned> flitsToDestination;   // per d, in the present activation
   std::vector<unsigned> flitsFromSource;      // per source, in the present activation
   std::vector<unsigned> completePackets;      // per source: tails past their input delay
+  std::vector<bool> laneTaken;                // lanes used by the source being served (ServeSource)
   DelayFifo<unsigned> tailIncreaseQueue;      // tails on their way into completePackets (queue: tailEventQueue)
   DelayFifo<bool> busyQueue;                  // values on their way to busyOut (queue: busyEventQueue)
   DelayFifo<std::vector<int>> creditIncreaseQueue;  // peer credits in their return delay (queue: creditEventQueue)

@@ -70,20 +70,16 @@ void confirm_directory_exists(std::string path) {
   }
 }
 
-sc_core::sc_time CycleDelay(const Config& cfg, double cycles) {
-  const double ticks = static_cast<double>(cfg.CORE_CLK.value()) * cycles + 0.5;
-  return sc_core::sc_time::from_value(static_cast<sc_dt::uint64>(ticks));
-}
-
-sc_core::sc_time HalfCycle(const Config& cfg) { return CycleDelay(cfg, 0.5); }
-
 sc_core::sc_time NextEdgeDelay(const sc_core::sc_time& period, unsigned ticksPerPs) {
   const sc_dt::uint64 periodTicks = period.value();
   if (periodTicks == 0) return sc_core::SC_ZERO_TIME;
   const sc_dt::uint64 now = sc_core::sc_time_stamp().value();
   const sc_dt::uint64 ticks = periodTicks - now % periodTicks;
   const sc_dt::uint64 ps = ticks / ticksPerPs;
-  return ps == 0 ? sc_core::SC_ZERO_TIME : sc_core::sc_time(static_cast<double>(ps), sc_core::SC_PS);
+  // The same value as sc_time(ps, SC_PS), without the floating-point unit
+  // conversion: the resolution is a power of ten of at most 1 ps, so that
+  // ticksPerPs is exact.
+  return sc_core::sc_time::from_value(ps * ticksPerPs);
 }
 
 sc_core::sc_time FlitTimeOnLink(unsigned flitSize, unsigned lanes, float gigabitsPerLane) {

@@ -14,9 +14,12 @@
 #include <iostream>
 #include <list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <systemc>
+
+#include "zel2/Config.h"
 
 // Runs assert(cond) with the condition's own text, after flushing std::cout so
 // that the model's message printed before the failure is not lost.
@@ -31,8 +34,6 @@
 namespace Sornak {
 namespace Internal {
 namespace ZEL2 {
-
-class Config;
 
 // ---- Text and file utilities -------------------------------------------
 
@@ -55,11 +56,17 @@ void confirm_directory_exists(std::string path);
 
 // `cycles` periods of CORE_CLK: the clock's tick value as a double times
 // `cycles`, plus 0.5, truncated to whole ticks. Computed at each use so that
-// a run-time change of CORE_CLK is obeyed.
-sc_core::sc_time CycleDelay(const Config& cfg, double cycles);
+// a run-time change of CORE_CLK is obeyed. sc_time's own scaling by a double
+// is this very computation; being inline, it spares every block's delays a
+// call into the kernel.
+inline sc_core::sc_time CycleDelay(const Config& cfg, double cycles) {
+  sc_core::sc_time delay = cfg.CORE_CLK;
+  delay *= cycles;
+  return delay;
+}
 
 // Half a period of CORE_CLK, rounded as CycleDelay rounds.
-sc_core::sc_time HalfCycle(const Config& cfg);
+inline sc_core::sc_time HalfCycle(const Config& cfg) { return CycleDelay(cfg, 0.5); }
 
 // Time from now to the next multiple of `period`; one whole period on an
 // exact multiple. Whole picoseconds: the tick count is divided by
@@ -103,8 +110,14 @@ struct DelayFifo {
     items.push_back(value);
     queue.notify(delay);
   }
+  // The same for a value the caller gives up, which spares a copy when T is
+  // itself a container.
+  void Push(T&& value, const sc_core::sc_time& delay) {
+    items.push_back(std::move(value));
+    queue.notify(delay);
+  }
   T Pop() {
-    T value = items.front();
+    T value = std::move(items.front());
     items.erase(items.begin());
     return value;
   }

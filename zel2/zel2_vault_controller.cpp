@@ -25,8 +25,6 @@ uint32_t CeilLog2(uint32_t x) {
   return x < 2 ? 0 : bits;
 }
 
-unsigned long Mask(uint32_t bits) { return bits >= 64 ? ~0ul : (1ul << bits) - 1; }
-
 }  // namespace
 
 zel2_vault_controller::zel2_vault_controller(sc_core::sc_module_name name, const Config& config,
@@ -124,37 +122,8 @@ zel2_vault_controller::zel2_vault_controller(sc_core::sc_module_name name, const
 // Helpers
 // ---------------------------------------------------------------------------
 
-bool zel2_vault_controller::OnCoreEdge() const {
-  return sc_time_stamp().value() % cfg.CORE_CLK.value() == 0;
-}
-
 sc_time zel2_vault_controller::NextEdgePlusCycle() const {
   return OnCoreEdge() ? cfg.CORE_CLK : cfg.CORE_CLK + cfg.NextCoreEdgeDelay();
-}
-
-unsigned zel2_vault_controller::UsedPartitions() const {
-  return std::min<unsigned>(cfg.NUM_PARTITIONS, bankStates.size());
-}
-
-zel2_bank* zel2_vault_controller::Bank(unsigned partition, unsigned bank) const {
-  if (partition >= bankStates.size() || bank >= bankStates[partition].size()) return nullptr;
-  return bankStates[partition][bank];
-}
-
-void zel2_vault_controller::AddressMap(unsigned long address, unsigned int& partition, unsigned int& bank,
-                                       unsigned int& row, unsigned int& column) const {
-  unsigned long rest = address >> byteBits;
-  unsigned int low = rest & Mask(colLowBits);
-  rest >>= colLowBits;
-  rest >>= vaultBits;  // the vault was chosen by the link
-  bank = rest & Mask(bankBits);
-  rest >>= bankBits;
-  partition = rest & Mask(partitionBits);
-  rest >>= partitionBits;
-  unsigned int high = rest & Mask(colHighBits);
-  rest >>= colHighBits;
-  row = rest & Mask(rowBits);
-  column = low | (high << colLowBits);
 }
 
 void zel2_vault_controller::setMaxBlockSize(unsigned int size) {
@@ -411,7 +380,12 @@ void zel2_vault_controller::MoveToRequestQueue() {
 // ---------------------------------------------------------------------------
 
 sc_time zel2_vault_controller::IsIssuable(unsigned int index) {
-  const sc_time now = sc_time_stamp();
+  return IssueWait(index, sc_time_stamp(), OnCoreEdge());
+}
+
+sc_time zel2_vault_controller::IssueWait(unsigned index, const sc_time& now, bool onEdge) {
+  // Made once: the unit conversion of a time is costly next to the rest of this check.
+  static const sc_time longWait(100, SC_NS);
   const DRAMBusPacket& c = requestQueue[index];
   if (c.command != ACT && c.command != PRE && c.command != READ && c.command != WRITE) {
     TimedError() << "Wrong packet type trying to be issued " << c << std::endl;
@@ -421,8 +395,6 @@ sc_time zel2_vault_controller::IsIssuable(unsigned int index) {
   // A partition outside the vault has no bank model; let it through to the
   // partition check of the issue loop.
   if (bank == nullptr) return sc_core::SC_ZERO_TIME;
-  const bool onEdge = OnCoreEdge();
-  const sc_time longWait(100, SC_NS);
   const bool sameTransactionBefore = index != 0 && requestQueue[index - 1].tag == c.tag;
 
   // Column commands get priority over row commands: a row command waits while
@@ -431,7 +403,7 @@ sc_time zel2_vault_controller::IsIssuable(unsigned int index) {
     bool ready = false;
     for (unsigned j = index + 1; j < requestQueue.size(); j++) {
       if (requestQueue[j].command != READ && requestQueue[j].command != WRITE) continue;
-      if (IsIssuable(j) == sc_core::SC_ZERO_TIME) ready = true;
+      if (IssueWait(j, now, onEdge) == sc_core::SC_ZERO_TIME) ready = true;
     }
     return ready;
   };
@@ -480,11 +452,13 @@ void zel2_vault_controller::IssuingThread() {
     if (requestQueue.empty()) continue;
 
     // The oldest command that can issue now goes first.
-    sc_time shortest = sc_core::sc_max_time();
+    static const sc_time longest = sc_core::sc_max_time();  // the largest time there is, made once
+    sc_time shortest = longest;
     bool found = false;
     unsigned i = 0;
+    const bool onEdge = OnCoreEdge();
     for (; i < requestQueue.size(); i++) {
-      shortest = std::min(shortest, IsIssuable(i));
+      shortest = std::min(shortest, IssueWait(i, now, onEdge));
       if (shortest == sc_core::SC_ZERO_TIME) {
         found = true;
         break;

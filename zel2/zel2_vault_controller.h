@@ -3,6 +3,7 @@
 
 #include <systemc>
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <vector>
@@ -117,8 +118,22 @@ class zel2_vault_controller : public sc_core::sc_module {
 
   // ---- Operations ----
   // Splits an address into partition, bank, row and column (BYTE_OFFSET units).
+  // Defined here so that the intake's scan over its queue inlines it.
   void AddressMap(unsigned long address, unsigned int& partition, unsigned int& bank, unsigned int& row,
-                  unsigned int& column) const;
+                  unsigned int& column) const {
+    unsigned long rest = address >> byteBits;
+    const unsigned int low = rest & FieldMask(colLowBits);
+    rest >>= colLowBits;
+    rest >>= vaultBits;  // the vault was chosen by the link
+    bank = rest & FieldMask(bankBits);
+    rest >>= bankBits;
+    partition = rest & FieldMask(partitionBits);
+    rest >>= partitionBits;
+    const unsigned int high = rest & FieldMask(colHighBits);
+    rest >>= colHighBits;
+    row = rest & FieldMask(rowBits);
+    column = low | (high << colLowBits);
+  }
   // How long requestQueue[index] must still wait; zero means it may issue now.
   sc_core::sc_time IsIssuable(unsigned int index);
   void setNumPartitions(unsigned int numPartitions);
@@ -127,12 +142,23 @@ class zel2_vault_controller : public sc_core::sc_module {
   void DumpState();
 
  private:
-  bool OnCoreEdge() const;
+  // The small helpers below run many times per cycle and are defined here so
+  // that they inline.
+  static unsigned long FieldMask(uint32_t bits) { return bits >= 64 ? ~0ul : (1ul << bits) - 1; }
+  bool OnCoreEdge() const { return sc_core::sc_time_stamp().value() % cfg.CORE_CLK.value() == 0; }
   // CORE_CLK from an edge, else CORE_CLK plus the time to the next edge.
   sc_core::sc_time NextEdgePlusCycle() const;
   // The bank object of a partition in use, or nullptr when the partition is not in use.
-  zel2_bank* Bank(unsigned partition, unsigned bank) const;
-  unsigned UsedPartitions() const;
+  zel2_bank* Bank(unsigned partition, unsigned bank) const {
+    if (partition >= bankStates.size() || bank >= bankStates[partition].size()) return nullptr;
+    return bankStates[partition][bank];
+  }
+  unsigned UsedPartitions() const {
+    return std::min<unsigned>(cfg.NUM_PARTITIONS, static_cast<unsigned>(bankStates.size()));
+  }
+  // IsIssuable at a time and clock phase the caller has already looked up;
+  // the issue loop asks it for every queued command of one wake.
+  sc_core::sc_time IssueWait(unsigned index, const sc_core::sc_time& now, bool onEdge);
   void AppendCommand(DRAMCommand command, unsigned partition, unsigned bank, unsigned row, unsigned col,
                      uint32_t tag, const sc_core::sc_time& earliestIssue);
   void LowerRequestQueueTransactions();  // a transaction's last column command has issued

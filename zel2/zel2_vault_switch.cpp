@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <bitset>
 #include <iostream>
+#include <utility>
 
 #include "zel2/zel2_cube.h"
 
@@ -653,7 +654,7 @@ void zel2_vault_switch::ReceiveInterQuadCredits() {
       raised = true;
     }
   }
-  if (raised) creditDelayQueue.Push(counts, CycleDelay(cfg, cfg.CREDIT_RETURN_DELAY_VSW_VSW));
+  if (raised) creditDelayQueue.Push(std::move(counts), CycleDelay(cfg, cfg.CREDIT_RETURN_DELAY_VSW_VSW));
 }
 
 void zel2_vault_switch::IncrementCreditCount() {

@@ -1,0 +1,391 @@
+// SPDX-License-Identifier: Apache-2.0
+// The runner behind `make bench`. It times zelsim on the standard workloads
+// for a fixed simulated time, and the kernel floor program in the same run,
+// and reports each workload's wall time, simulated ns per wall second,
+// completed requests per wall second and peak memory, both as measured and
+// as ratios to the kernel floor (the cost of one process activation), so
+// that figures taken on different machines can be compared.
+//
+// Each program runs as a child process; wait4 gives its peak resident set,
+// and a monotonic clock around fork and wait gives its wall time.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#ifndef ZELSIM_PROGRAM
+#define ZELSIM_PROGRAM "zelsim"
+#endif
+#ifndef KERNEL_FLOOR_PROGRAM
+#define KERNEL_FLOOR_PROGRAM "kernel_floor"
+#endif
+
+namespace {
+
+struct Workload {
+  const char* name;
+  const char* description;
+  std::vector<std::string> settings;  // zelsim --set values
+};
+
+// The standard workloads. All four links run at full load (no request
+// spacing, host queues always full); everything not named stays at the
+// compiled defaults.
+const std::vector<Workload> kWorkloads = {
+    {"read64", "random 64-byte reads", {"PERCENTAGE_READ=100", "PERCENTAGE_RD_64B=100"}},
+    {"mixed64",
+     "50/50 random 64-byte reads and writes",
+     {"PERCENTAGE_READ=50", "PERCENTAGE_RD_64B=100", "PERCENTAGE_WR_64B=100"}},
+    {"posted128",
+     "random 128-byte posted writes",
+     {"PERCENTAGE_READ=0", "POSTED_WRITES=true", "PERCENTAGE_WR_64B=0", "PERCENTAGE_WR_128B=100"}},
+    {"atomics", "random atomics of all six kinds", {"USE_ATOMICS=1", "ATOMICS_PERCENTAGE=100"}},
+};
+
+struct ChildRun {
+  int status = -1;         // wait status
+  double wallSeconds = 0;  // fork to reaped
+  double cpuSeconds = 0;   // user and system time of the child
+  long peakRssKb = 0;      // ru_maxrss of the child
+};
+
+// Runs `argv` with standard output to `outFile` (or /dev/null when empty)
+// and standard error to /dev/null.
+ChildRun RunChild(const std::vector<std::string>& argv, const std::string& outFile) {
+  std::vector<char*> args;
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+
+  ChildRun run;
+  std::cout.flush();
+  const auto start = std::chrono::steady_clock::now();
+  const pid_t pid = fork();
+  if (pid < 0) {
+    std::perror("run_bench: fork");
+    return run;
+  }
+  if (pid == 0) {
+    const int out = open(outFile.empty() ? "/dev/null" : outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int err = open("/dev/null", O_WRONLY);
+    if (out >= 0) dup2(out, 1);
+    if (err >= 0) dup2(err, 2);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+  struct rusage usage {};
+  if (wait4(pid, &run.status, 0, &usage) < 0) std::perror("run_bench: wait4");
+  run.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  run.peakRssKb = usage.ru_maxrss;
+  run.cpuSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                   static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
+  return run;
+}
+
+bool Succeeded(const ChildRun& run) { return WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0; }
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// The number after `"key": ` at or after `from` in a JSON text; NaN if absent.
+double JsonNumberAfter(const std::string& json, const std::string& key, size_t from = 0) {
+  const size_t at = json.find("\"" + key + "\": ", from);
+  if (at == std::string::npos) return std::nan("");
+  return std::strtod(json.c_str() + at + key.size() + 4, nullptr);
+}
+
+std::string CpuModel() {
+  std::ifstream in("/proc/cpuinfo");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("model name", 0) == 0) {
+      const size_t colon = line.find(':');
+      if (colon != std::string::npos) return line.substr(line.find_first_not_of(' ', colon + 1));
+    }
+  }
+  return "unknown";
+}
+
+std::string JsonString(const std::string& text) {
+  std::string out = "\"";
+  for (char c : text) {
+    if (c == '"' || c == '\\') out += '\\';
+    if (static_cast<unsigned char>(c) >= 0x20) out += c;
+  }
+  return out + "\"";
+}
+
+std::string Num(double value) {
+  char buffer[40];
+  std::snprintf(buffer, sizeof buffer, "%.6g", value);
+  return buffer;
+}
+
+struct FloorResult {
+  unsigned processes = 0;
+  double activations = 0;
+  double nsPerActivation = 0;     // wall-clock time of sc_start per activation
+  double cpuNsPerActivation = 0;  // processor time of sc_start per activation
+  double wallSeconds = 0;
+  long peakRssKb = 0;
+};
+
+struct WorkloadResult {
+  const Workload* workload = nullptr;
+  double wallSeconds = 0;
+  double cpuSeconds = 0;
+  double simulatedNs = 0;
+  double requests = 0;  // non-posted requests completed plus posted requests sent
+  long peakRssKb = 0;
+  double SimNsPerSecond() const { return simulatedNs / wallSeconds; }
+  double RequestsPerSecond() const { return requests / wallSeconds; }
+};
+
+struct Options {
+  std::string zelsim = ZELSIM_PROGRAM;
+  std::string floor = KERNEL_FLOOR_PROGRAM;
+  std::string json;
+  double simulatedUs = 200;
+  unsigned repeat = 1;
+  unsigned floorProcesses = 64;
+  std::vector<std::string> only;
+};
+
+void Usage(std::ostream& out) {
+  out << "Usage: run_bench [--json FILE] [--sim-us US] [--repeat N] [--only NAME]... [--zelsim PATH]\n"
+         "                 [--kernel-floor PATH] [--floor-processes N]\n"
+         "Times zelsim on the standard workloads and the kernel floor, prints a table and\n"
+         "optionally writes the figures as JSON. With --repeat, each program runs N times\n"
+         "and the fastest run counts. Workloads:";
+  for (const Workload& w : kWorkloads) out << " " << w.name;
+  out << "\n";
+}
+
+bool ParseOptions(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
+    const char* v = nullptr;
+    if (arg == "--help") {
+      Usage(std::cout);
+      std::exit(0);
+    } else if (arg == "--json" && (v = value())) {
+      options.json = v;
+    } else if (arg == "--sim-us" && (v = value())) {
+      options.simulatedUs = std::strtod(v, nullptr);
+    } else if (arg == "--repeat" && (v = value())) {
+      options.repeat = std::max(1UL, std::strtoul(v, nullptr, 10));
+    } else if (arg == "--only" && (v = value())) {
+      options.only.push_back(v);
+    } else if (arg == "--zelsim" && (v = value())) {
+      options.zelsim = v;
+    } else if (arg == "--kernel-floor" && (v = value())) {
+      options.floor = v;
+    } else if (arg == "--floor-processes" && (v = value())) {
+      options.floorProcesses = static_cast<unsigned>(std::strtoul(v, nullptr, 10));
+    } else {
+      std::cerr << "run_bench: bad argument '" << arg << "'\n";
+      Usage(std::cerr);
+      return false;
+    }
+  }
+  return options.simulatedUs > 0;
+}
+
+std::string TempPath(const char* stem) {
+  const char* dir = std::getenv("TMPDIR");
+  std::string pattern = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/" + stem + "XXXXXX";
+  const int fd = mkstemp(pattern.data());
+  if (fd >= 0) close(fd);
+  return pattern;
+}
+
+bool RunFloor(const Options& options, FloorResult& result) {
+  const std::string out = TempPath("kernelfloor");
+  result.processes = options.floorProcesses;
+  // The floor is cheap and the figures hinge on it: at least three tries.
+  const unsigned tries = std::max(3u, options.repeat);
+  for (unsigned r = 0; r < tries; ++r) {
+    const ChildRun run =
+        RunChild({options.floor, std::to_string(options.floorProcesses), Num(options.simulatedUs)}, out);
+    const std::string text = ReadFile(out);
+    const double ns = JsonNumberAfter(text, "ns_per_activation");
+    const double cpuNs = JsonNumberAfter(text, "cpu_ns_per_activation");
+    if (!Succeeded(run) || !(ns > 0) || !(cpuNs > 0)) {
+      std::cerr << "run_bench: " << options.floor << " failed\n";
+      std::remove(out.c_str());
+      return false;
+    }
+    if (r == 0 || ns < result.nsPerActivation) {
+      result.nsPerActivation = ns;
+      result.activations = JsonNumberAfter(text, "activations");
+      result.wallSeconds = run.wallSeconds;
+    }
+    if (r == 0 || cpuNs < result.cpuNsPerActivation) result.cpuNsPerActivation = cpuNs;
+    result.peakRssKb = std::max(result.peakRssKb, run.peakRssKb);
+  }
+  std::remove(out.c_str());
+  return true;
+}
+
+bool RunWorkload(const Options& options, const Workload& workload, WorkloadResult& result) {
+  const std::string json = TempPath("zelsimbench");
+  std::vector<std::string> argv = {options.zelsim,
+                                   "--seed",
+                                   "1",
+                                   "--set",
+                                   "SIM_TIME=" + Num(options.simulatedUs * 1000),
+                                   "--set",
+                                   "NUM_REQUESTS=100000000",
+                                   "--set",
+                                   "NUM_GENERATORS=4",
+                                   "--set",
+                                   "REQUEST_SPACING=0",
+                                   "--json",
+                                   json};
+  for (const std::string& setting : workload.settings) {
+    argv.push_back("--set");
+    argv.push_back(setting);
+  }
+  result.workload = &workload;
+  for (unsigned r = 0; r < options.repeat; ++r) {
+    const ChildRun run = RunChild(argv, "");
+    const std::string text = ReadFile(json);
+    if (!Succeeded(run) || text.empty()) {
+      std::cerr << "run_bench: zelsim failed on workload " << workload.name << "\n";
+      std::remove(json.c_str());
+      return false;
+    }
+    if (r == 0 || run.wallSeconds < result.wallSeconds) {
+      const size_t total = text.find("\"total\":");
+      result.wallSeconds = run.wallSeconds;
+      result.simulatedNs = JsonNumberAfter(text, "end_time_ns");
+      result.requests = JsonNumberAfter(text, "completed", total) + JsonNumberAfter(text, "posted", total);
+    }
+    if (r == 0 || run.cpuSeconds < result.cpuSeconds) result.cpuSeconds = run.cpuSeconds;
+    result.peakRssKb = std::max(result.peakRssKb, run.peakRssKb);
+  }
+  std::remove(json.c_str());
+  return true;
+}
+
+void PrintTable(const Options& options, const FloorResult& floor,
+                const std::vector<WorkloadResult>& results) {
+  std::cout << "zelsim benchmark: " << Num(options.simulatedUs) << " us simulated per workload, best of "
+            << options.repeat << " (kernel floor: best of " << std::max(3u, options.repeat)
+            << "); CPU: " << CpuModel() << "\n\n";
+  std::cout << std::left << std::setw(10) << "workload" << std::right << std::setw(9) << "wall s"
+            << std::setw(9) << "cpu s" << std::setw(12) << "sim ns/s" << std::setw(13) << "requests/s"
+            << std::setw(10) << "peak MiB"
+            << "\n";
+  for (const WorkloadResult& r : results) {
+    std::cout << std::left << std::setw(10) << r.workload->name << std::right << std::fixed
+              << std::setprecision(2) << std::setw(9) << r.wallSeconds << std::setw(9) << r.cpuSeconds
+              << std::setprecision(0) << std::setw(12) << r.SimNsPerSecond() << std::setw(13)
+              << r.RequestsPerSecond() << std::setprecision(1) << std::setw(10) << r.peakRssKb / 1024.0
+              << "\n";
+  }
+  std::cout << "\nKernel floor: " << floor.processes << " processes re-arming every 1.6 ns, "
+            << Num(floor.activations) << " activations; " << std::setprecision(2) << floor.nsPerActivation
+            << " ns wall, " << floor.cpuNsPerActivation << " ns CPU per activation; peak "
+            << floor.peakRssKb / 1024.0 << " MiB\n\n";
+  std::cout << std::left << std::setw(10) << "in floors" << std::right << std::setw(11) << "wall Mact"
+            << std::setw(11) << "cpu Mact" << std::setw(12) << "act/sim ns" << std::setw(13) << "act/request"
+            << std::setw(11) << "mem/floor"
+            << "\n";
+  for (const WorkloadResult& r : results) {
+    const double activations = r.wallSeconds * 1e9 / floor.nsPerActivation;
+    const double cpuActivations = r.cpuSeconds * 1e9 / floor.cpuNsPerActivation;
+    std::cout << std::left << std::setw(10) << r.workload->name << std::right << std::fixed
+              << std::setprecision(1) << std::setw(11) << activations / 1e6 << std::setw(11)
+              << cpuActivations / 1e6 << std::setw(12) << activations / r.simulatedNs << std::setw(13)
+              << activations / r.requests << std::setprecision(2) << std::setw(11)
+              << double(r.peakRssKb) / double(floor.peakRssKb) << "\n";
+  }
+  std::cout << "\nrequests: non-posted requests completed plus posted requests sent.\n"
+               "In floors: wall and CPU time as millions of kernel-floor activations, wall-clock\n"
+               "activations per simulated ns and per request, peak memory over the floor's.\n";
+}
+
+// Ratios to the floor of one workload's figures, by wall-clock or by CPU time.
+void WriteRatios(std::ostream& out, const WorkloadResult& r, double seconds, double nsPerActivation) {
+  const double activations = seconds * 1e9 / nsPerActivation;
+  out << "{\"activations\": " << Num(activations)
+      << ", \"activations_per_sim_ns\": " << Num(activations / r.simulatedNs)
+      << ", \"activations_per_request\": " << Num(activations / r.requests) << "}";
+}
+
+bool WriteJson(const std::string& path, const Options& options, const FloorResult& floor,
+               const std::vector<WorkloadResult>& results) {
+  std::ofstream out(path);
+  out << "{\n  \"simulated_us\": " << Num(options.simulatedUs) << ",\n  \"repeat\": " << options.repeat
+      << ",\n  \"cpu\": " << JsonString(CpuModel())
+      << ",\n  \"kernel_floor\": {\"processes\": " << floor.processes
+      << ", \"activations\": " << Num(floor.activations)
+      << ", \"ns_per_activation\": " << Num(floor.nsPerActivation)
+      << ", \"cpu_ns_per_activation\": " << Num(floor.cpuNsPerActivation)
+      << ", \"wall_s\": " << Num(floor.wallSeconds) << ", \"peak_rss_kib\": " << floor.peakRssKb
+      << "},\n  \"workloads\": [\n";
+  for (size_t i = 0; i < results.size(); ++i) {
+    const WorkloadResult& r = results[i];
+    out << "    {\"name\": " << JsonString(r.workload->name)
+        << ", \"description\": " << JsonString(r.workload->description)
+        << ",\n     \"wall_s\": " << Num(r.wallSeconds) << ", \"cpu_s\": " << Num(r.cpuSeconds)
+        << ", \"simulated_ns\": " << Num(r.simulatedNs) << ", \"requests\": " << Num(r.requests)
+        << ", \"sim_ns_per_wall_s\": " << Num(r.SimNsPerSecond())
+        << ", \"requests_per_wall_s\": " << Num(r.RequestsPerSecond())
+        << ", \"peak_rss_kib\": " << r.peakRssKb << ",\n     \"vs_floor\": {\"wall\": ";
+    WriteRatios(out, r, r.wallSeconds, floor.nsPerActivation);
+    out << ", \"cpu\": ";
+    WriteRatios(out, r, r.cpuSeconds, floor.cpuNsPerActivation);
+    out << ", \"peak_rss_ratio\": " << Num(double(r.peakRssKb) / double(floor.peakRssKb)) << "}}"
+        << (i + 1 < results.size() ? ",\n" : "\n");
+  }
+  out << "  ]\n}\n";
+  return static_cast<bool>(out);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!ParseOptions(argc, argv, options)) return 2;
+
+  FloorResult floor;
+  if (!RunFloor(options, floor)) return 1;
+  std::vector<WorkloadResult> results;
+  for (const Workload& workload : kWorkloads) {
+    if (!options.only.empty() &&
+        std::find(options.only.begin(), options.only.end(), workload.name) == options.only.end())
+      continue;
+    WorkloadResult result;
+    if (!RunWorkload(options, workload, result)) return 1;
+    results.push_back(result);
+  }
+  PrintTable(options, floor, results);
+  if (!options.json.empty()) {
+    if (!WriteJson(options.json, options, floor, results)) {
+      std::cerr << "run_bench: can't write " << options.json << "\n";
+      return 1;
+    }
+    std::cout << "JSON: " << options.json << "\n";
+  }
+  return 0;
+}
