@@ -6,10 +6,10 @@
 #include <string>
 
 #include "test_support.h"
-#include "zel2/zelsim.h"
 #include "zel2/zel2_link.h"
 #include "zel2/zel2_quad.h"
 #include "zel2/zel2_slice.h"
+#include "zel2/zelsim.h"
 
 using namespace Sornak::Internal::ZEL2;
 using zelsim_test::CaptureStdout;
@@ -42,7 +42,7 @@ Config& ConfigWithQuads(unsigned quads) {
   return cfg;
 }
 
-void ElaborateAndRun(unsigned quads) {
+zel2_cube& ElaborateAndRun(unsigned quads) {
   zelsim_test::ClearModelEnvironment();
   zel2_cube& cube = GetCube(ConfigWithQuads(quads));
   CubeHarness harness(cube);
@@ -52,17 +52,17 @@ void ElaborateAndRun(unsigned quads) {
     EXPECT_EQ(cube.quads[q]->lswInterquadFlitsOut.size(), quads - 1);
     EXPECT_EQ(std::string(cube.quads[q]->slices[0]->basename()), "slice" + std::to_string(4 * q));
   }
+  return cube;
 }
 
 }  // namespace
 
 TEST(CubeStructure, ElaboratesWithOneQuad) { ElaborateAndRun(1); }
 TEST(CubeStructure, ElaboratesWithTwoQuads) { ElaborateAndRun(2); }
-TEST(CubeStructure, ElaboratesWithFourQuads) { ElaborateAndRun(4); }
 
-TEST(CubeStructure, BlockNamesCarryQuadAndVaultNumbers) {
-  zelsim_test::ClearModelEnvironment();
-  zel2_cube& cube = GetCube(*new Config());
+// Block names carry the quad and vault numbers.
+TEST(CubeStructure, ElaboratesWithFourQuads) {
+  zel2_cube& cube = ElaborateAndRun(4);
   EXPECT_STREQ(cube.quads[1]->link->name(), "zelsim_cube.quad1.link1");
   EXPECT_STREQ(cube.quads[3]->slices[1]->name(), "zelsim_cube.quad3.slice13");
   EXPECT_EQ(cube.quads[3]->slices[1]->id, 13u);
@@ -82,23 +82,34 @@ TEST(CubeClock, TogglesWithTheCorePeriod) {
   EXPECT_TRUE(harness.clk.read());
 }
 
+// GetCube leaves the host's tokens at their default; CreateCube makes them
+// the cube's. The banner shows once, however many cubes are made.
 TEST(CubeEntryPoints, CreateCubeAssumesHostTokensFromCubeTokens) {
   zelsim_test::ClearModelEnvironment();
+  zelsim_test::AllowKernelWarnings();  // the later cubes' name is taken
   CaptureStdout out;
   zel2_cube& cube = CreateCube(nullptr);
   EXPECT_EQ(cube.cfg.BFM_TOKENS_PER_LINK, 100u);
+  EXPECT_EQ(GetCube(static_cast<std::string*>(nullptr)).cfg.BFM_TOKENS_PER_LINK, 0u);
+  GetCube(*new Config());
   const std::string text = out.str();
-  EXPECT_NE(text.find(std::string(80, '=') + "\nSornak ZEL2 SystemC simulator built from revision: "),
-            std::string::npos);
+  const std::string banner = std::string(80, '=') + "\nSornak ZEL2 SystemC simulator built from revision: ";
+  ASSERT_NE(text.find(banner), std::string::npos);
+  EXPECT_EQ(text.find(banner, text.find(banner) + 1), std::string::npos);
   EXPECT_NE(text.find("No config file specified for SystemC; using compiled defaults (use "
                       "LIBZEL_CONFIG_FILE to specify a config file)\n"),
             std::string::npos);
   EXPECT_NE(text.find("*** ASSUMING BFM_TOKENS_PER_LINK=100 (same as TOKENS_PER_LINK)\n"), std::string::npos);
 }
 
+// The token variables override both sides, up to 289 tokens.
 TEST(CubeEntryPoints, TokenVariablesOverrideBothSides) {
   zelsim_test::ClearModelEnvironment();
+  setenv("LIBZEL_NUM_TOKENS", "290", 1);
+  EXPECT_DEATH(CreateCube(nullptr), "numTokens < 290");
   setenv("LIBZEL_NUM_TOKENS", "289", 1);
+  setenv("ZEL_BFM_NUM_TOKENS", "-1", 1);
+  EXPECT_DEATH(CreateCube(nullptr), "numTokens < 290");
   setenv("ZEL_BFM_NUM_TOKENS", "40", 1);
   CaptureStdout out;
   zel2_cube& cube = CreateCube(nullptr);
@@ -108,62 +119,32 @@ TEST(CubeEntryPoints, TokenVariablesOverrideBothSides) {
             std::string::npos);
 }
 
-TEST(CubeEntryPoints, TokenCountAbove289StopsTheProgram) {
-  zelsim_test::ClearModelEnvironment();
-  setenv("LIBZEL_NUM_TOKENS", "290", 1);
-  EXPECT_DEATH(CreateCube(nullptr), "numTokens < 290");
-  zelsim_test::ClearModelEnvironment();
-  setenv("ZEL_BFM_NUM_TOKENS", "-1", 1);
-  EXPECT_DEATH(CreateCube(nullptr), "numTokens < 290");
-}
-
-TEST(CubeEntryPoints, NonNullNameReadsNoFile) {
-  zelsim_test::ClearModelEnvironment();
-  setenv("LIBZEL_CONFIG_FILE", "/nonexistent/never-read.ini", 1);
-  CaptureStdout out;
-  zel2_cube& cube = CreateCube("/nonexistent/also-never-read.ini");
-  EXPECT_EQ(cube.cfg.NUM_QUADS, 4u);
-  EXPECT_EQ(out.str().find("No config file specified"), std::string::npos);
-}
-
+// A file name given to CreateCube is not read, nor is any other file; without
+// one, CreateCube reads the file that LIBZEL_CONFIG_FILE names.
 TEST(CubeEntryPoints, CreateCubeReadsTheFileOfTheEnvironment) {
   zelsim_test::ClearModelEnvironment();
-  char name[] = "/tmp/zelsimcfgXXXXXX";
-  const int fd = mkstemp(name);
-  ASSERT_GE(fd, 0);
-  const std::string text = "TOKENS_PER_LINK = 64\nBFM_TOKENS_PER_LINK = 12\n";
-  ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  close(fd);
-  setenv("LIBZEL_CONFIG_FILE", name, 1);
+  zelsim_test::AllowKernelWarnings();  // the second cube's name is taken
+  zelsim_test::TempDir dir;
+  setenv("LIBZEL_CONFIG_FILE",
+         dir.Write("keys.ini", "TOKENS_PER_LINK = 64\nBFM_TOKENS_PER_LINK = 12\n").c_str(), 1);
   CaptureStdout out;
+  EXPECT_EQ(CreateCube("/nonexistent/never-read.ini").cfg.TOKENS_PER_LINK, 100u);
   zel2_cube& cube = CreateCube(nullptr);
-  unlink(name);
   EXPECT_EQ(cube.cfg.TOKENS_PER_LINK, 64u);
   // Without ZEL_BFM_NUM_TOKENS the host side follows the cube side, whatever the file said.
   EXPECT_EQ(cube.cfg.BFM_TOKENS_PER_LINK, 64u);
+  EXPECT_EQ(out.str().find("No config file specified"), std::string::npos);
 }
 
-TEST(CubeEntryPoints, GetCubeLeavesHostTokensAtTheirDefault) {
-  zelsim_test::ClearModelEnvironment();
-  zel2_cube& cube = GetCube(static_cast<std::string*>(nullptr));
-  EXPECT_EQ(cube.cfg.BFM_TOKENS_PER_LINK, 0u);
-}
-
-TEST(CubeEntryPoints, TwoCubesPrintTheBannerOnce) {
-  zelsim_test::ClearModelEnvironment();
-  zelsim_test::AllowKernelWarnings();  // the second cube's name is taken
-  CaptureStdout out;
-  GetCube(*new Config());
-  GetCube(*new Config());
-  const std::string text = out.str();
-  const std::string banner = "Sornak ZEL2 SystemC simulator built from revision: ";
-  ASSERT_NE(text.find(banner), std::string::npos);
-  EXPECT_EQ(text.find(banner, text.find(banner) + 1), std::string::npos);
-}
-
-TEST(CubeSetters, LinkParamsChangeTheSpeedOfAllLinksButOneWidth) {
+// Link parameters change the speed of all links, but one link's width;
+// every setter says what it changes.
+TEST(CubeSetters, ChangeTheConfigurationAndTheBlocks) {
   zelsim_test::ClearModelEnvironment();
   zel2_cube& cube = GetCube(*new Config());
+  EXPECT_DIES_SAYING(cube.setLinkParams(4, 15.0f, 16), "== ERROR - Please pick a link value between 0 and 3");
+  EXPECT_DIES_SAYING(cube.GetLinkRate(4), "== ERROR - Please pink a link value between 0 and 3");
+  EXPECT_DIES_SAYING(cube.setLinkParams(0, 15.0f, 0), "numLanes > 0");
+  EXPECT_DIES_SAYING(cube.setCubeTokens(0), "numTokens");
   CaptureStdout out;
   cube.setLinkParams(2, 12.5f, 8);
   EXPECT_EQ(cube.cfg.LINK_2_WIDTH, 8u);
@@ -178,30 +159,7 @@ TEST(CubeSetters, LinkParamsChangeTheSpeedOfAllLinksButOneWidth) {
                       "0 s: SYSTEMC CONFIG CHANGE: setting link2 width=8 lanes\n"),
             std::string::npos);
   EXPECT_NE(text.find("0 s: Refresh disabled, cancelling refresh for quad 3 vault 3\n"), std::string::npos);
-}
 
-TEST(CubeSetters, BadLinksAndLanesStopTheProgram) {
-  zelsim_test::ClearModelEnvironment();
-  zel2_cube& cube = GetCube(*new Config());
-  EXPECT_DEATH(
-      {
-        dup2(2, 1);
-        cube.setLinkParams(4, 15.0f, 16);
-      },
-      "== ERROR - Please pick a link value between 0 and 3");
-  EXPECT_DEATH(
-      {
-        dup2(2, 1);
-        cube.GetLinkRate(4);
-      },
-      "== ERROR - Please pink a link value between 0 and 3");
-  EXPECT_DEATH(cube.setLinkParams(0, 15.0f, 0), "numLanes > 0");
-}
-
-TEST(CubeSetters, SizeTemperatureBlockSizeAndTokens) {
-  zelsim_test::ClearModelEnvironment();
-  zel2_cube& cube = GetCube(*new Config());
-  CaptureStdout out;
   cube.setTj(95);
   EXPECT_EQ(cube.cfg.Tj, 95u);
   EXPECT_NE(out.str().find("0 s: SYSTEMC CONFIG CHANGE: setting operating temperature (Tj)=95\n"),
@@ -213,17 +171,4 @@ TEST(CubeSetters, SizeTemperatureBlockSizeAndTokens) {
   cube.setCubeTokens(50);
   EXPECT_EQ(cube.cfg.TOKENS_PER_LINK, 50u);
   EXPECT_EQ(cube.quads[2]->link->returnTokenCount, 50u);
-  EXPECT_DEATH(cube.setCubeTokens(0), "numTokens");
-}
-
-TEST(CubeDiagnostics, IdleDumpStatePrintsHeaders) {
-  zelsim_test::ClearModelEnvironment();
-  zel2_cube& cube = GetCube(ConfigWithQuads(1));
-  CubeHarness harness(cube);
-  sc_core::sc_start(Ns(10));
-  CaptureStdout out;
-  cube.DumpState();
-  const std::string text = out.str();
-  EXPECT_EQ(text.rfind("== Cube\n============ Quad 0 ============\n== Link0\n", 0), 0u);
-  EXPECT_NE(text.find("== Slice3\n== VC3 [Response Credits : 61]\n"), std::string::npos);
 }

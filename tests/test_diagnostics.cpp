@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The diagnostics of a whole cube: the DRAM command trace and the state dump.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -16,7 +16,6 @@
 
 using namespace Sornak::Internal::ZEL2;
 using zelsim_test::CaptureStdout;
-using zelsim_test::Ns;
 
 namespace {
 
@@ -25,54 +24,26 @@ void EnterScratchDirectory() {
   char name[] = "/tmp/zelsimdiagXXXXXX";
   ASSERT_NE(mkdtemp(name), nullptr);
   ASSERT_EQ(chdir(name), 0);
-}
-
-bool FileExists(const char* name) {
-  struct stat info;
-  return stat(name, &info) == 0;
-}
-
-std::vector<std::string> Lines(const char* name) {
-  std::ifstream in(name);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-int RunZelsim(std::vector<const char*> args) {
-  args.insert(args.begin(), "zelsim");
-  return Bench::RunZelsim(static_cast<int>(args.size()), args.data());
-}
-
-// A wrapper configured from a file that the test writes.
-Cube2in1Wrapper& WrapperWithKeys(const std::string& keys) {
   zelsim_test::ClearModelEnvironment();
-  {
-    std::ofstream file("keys.ini");
-    file << keys;
-  }
-  setenv("LIBZEL_CONFIG_FILE", "keys.ini", 1);
-  return *new Cube2in1Wrapper("wrapper");
 }
+
+int RunZelsim(const std::vector<std::string>& args) {
+  return zelsim_test::RunCommand(
+      [](int argc, const char* const* argv) { return Bench::RunZelsim(argc, argv); }, args);
+}
+
+std::vector<std::string> TraceLines() { return zelsim_test::Lines(zelsim_test::ReadFile("dram_trace.tsv")); }
 
 }  // namespace
 
-TEST(DramTrace, NoFileUnlessEnabledAtConstruction) {
-  EnterScratchDirectory();
-  zelsim_test::ClearModelEnvironment();
-  CaptureStdout out;
-  EXPECT_EQ(RunZelsim({"--set", "SIM_TIME=500", "--set", "NUM_REQUESTS=20"}), 0);
-  EXPECT_FALSE(FileExists("dram_trace.tsv"));
-}
-
 TEST(DramTrace, OneLinePerCommandWithItsGap) {
   EnterScratchDirectory();
-  zelsim_test::ClearModelEnvironment();
   {
     CaptureStdout out;
-    ASSERT_EQ(RunZelsim({"--set", "SIM_TIME=2000", "--set", "NUM_REQUESTS=50", "--set", "DRAM_TRACING=true"}), 0);
+    ASSERT_EQ(RunZelsim({"--set", "SIM_TIME=2000", "--set", "NUM_REQUESTS=50", "--set", "DRAM_TRACING=true"}),
+              0);
   }
-  const std::vector<std::string> lines = Lines("dram_trace.tsv");
+  const std::vector<std::string> lines = TraceLines();
   ASSERT_FALSE(lines.empty());
   const std::regex format("([0-9]+),VC([0-9]+),(ACT|PRE|READ|WRITE),d[0-9]+,b[0-9]+,([0-9]+)");
   std::vector<bool> seenAct(16, false);
@@ -92,14 +63,16 @@ TEST(DramTrace, OneLinePerCommandWithItsGap) {
 
 TEST(DramTrace, RefreshShowsAsActReadPreOnOneBank) {
   EnterScratchDirectory();
-  Cube2in1Wrapper& wrapper = WrapperWithKeys("DRAM_TRACING = true\nREFRESH_ENABLED = true\n");
+  std::ofstream("keys.ini") << "DRAM_TRACING = true\nREFRESH_ENABLED = true\n";
+  setenv("LIBZEL_CONFIG_FILE", "keys.ini", 1);
+  Cube2in1Wrapper& wrapper = *new Cube2in1Wrapper("wrapper");
   {
     CaptureStdout out;
     wrapper.setCubeSize(0);  // refresh starts only once the cube size is set
     sc_core::sc_start(sc_core::sc_time(2, sc_core::SC_US));
   }
   dramLog.flush();
-  const std::vector<std::string> lines = Lines("dram_trace.tsv");
+  const std::vector<std::string> lines = TraceLines();
   // Sixteen vaults refresh about every 488 ns: three lines per refresh.
   ASSERT_GE(lines.size(), 16u * 3);
   const std::regex format("[0-9]+,(VC[0-9]+),(ACT|PRE|READ),(d[0-9]+,b[0-9]+),[0-9]+");
@@ -117,12 +90,13 @@ TEST(DramTrace, RefreshShowsAsActReadPreOnOneBank) {
   }
 }
 
+// The run ends at SIM_TIME with traffic still in flight. Without
+// DRAM_TRACING at construction there is no trace file.
 TEST(StateDump, ShowsTheFlitsOfABusyCube) {
   EnterScratchDirectory();
-  zelsim_test::ClearModelEnvironment();
   CaptureStdout out;
-  // The run ends at SIM_TIME with traffic still in flight.
   EXPECT_EQ(RunZelsim({"--set", "SIM_TIME=400", "--dump-state"}), 0);
+  EXPECT_FALSE(std::filesystem::exists("dram_trace.tsv"));
   const std::string text = out.str();
   const size_t dump = text.find("== Cube\n");
   ASSERT_NE(dump, std::string::npos);

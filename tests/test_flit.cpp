@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // Flits, handles, DRAM bus packets and the text utilities.
+#define SC_INCLUDE_DYNAMIC_PROCESSES
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <limits>
 #include <sstream>
+#include <string>
 #include <vector>
 
+#include "test_support.h"
 #include "zel2/zel2_flit.h"
 #include "zel2/zel2_utils.h"
 
@@ -14,112 +17,88 @@ using namespace Sornak::Internal::ZEL2;
 
 namespace {
 
-std::string Print(const Flit& flit) {
+template <class T>
+std::string Print(const T& value) {
   std::ostringstream out;
-  out << flit;
+  out << value;
   return out.str();
-}
-
-std::vector<std::string> Pieces(const std::string& text, const std::string& delimiters,
-                                unsigned long limit = std::numeric_limits<unsigned long>::max()) {
-  const auto list = split(text, delimiters, limit);
-  return {list.begin(), list.end()};
 }
 
 }  // namespace
 
-TEST(TextUtils, SplitTreatsRunsOfDelimitersAsOne) {
+TEST(TextUtils, SplitStripAndConvert) {
   using V = std::vector<std::string>;
-  EXPECT_EQ(Pieces("a=b", "="), (V{"a", "b"}));
-  EXPECT_EQ(Pieces("a=", "="), (V{"a", ""}));
-  EXPECT_EQ(Pieces("=b", "="), (V{"", "b"}));
-  EXPECT_EQ(Pieces("a==b", "="), (V{"a", "b"}));
-  EXPECT_EQ(Pieces("a=b=c", "="), (V{"a", "b", "c"}));
-  EXPECT_EQ(Pieces("a=b=c", "=", 2), (V{"a", "b=c"}));
-  EXPECT_EQ(Pieces(";x", ";"), (V{"", "x"}));
-  EXPECT_EQ(Pieces(";;;", ";"), (V{"", ""}));
-  EXPECT_EQ(Pieces("", ";"), (V{""}));
-  EXPECT_EQ(Pieces("abc", ";", 0), (V{"abc"}));
-}
+  auto pieces = [](const char* text, const char* delimiters, unsigned long limit = ~0ul) {
+    const auto list = split(text, delimiters, limit);
+    return V(list.begin(), list.end());
+  };
+  // A run of delimiters counts as one.
+  EXPECT_EQ(pieces("a=b", "="), (V{"a", "b"}));
+  EXPECT_EQ(pieces("a=", "="), (V{"a", ""}));
+  EXPECT_EQ(pieces("=b", "="), (V{"", "b"}));
+  EXPECT_EQ(pieces("a==b", "="), (V{"a", "b"}));
+  EXPECT_EQ(pieces("a=b=c", "="), (V{"a", "b", "c"}));
+  EXPECT_EQ(pieces("a=b=c", "=", 2), (V{"a", "b=c"}));
+  EXPECT_EQ(pieces(";;;", ";"), (V{"", ""}));
+  EXPECT_EQ(pieces("", ";"), (V{""}));
+  EXPECT_EQ(pieces("abc", ";", 0), (V{"abc"}));
 
-TEST(TextUtils, StripRemovesOnlyTheGivenCharacters) {
   EXPECT_EQ(strip(" \t a b\t ", " \t"), "a b");
   EXPECT_EQ(strip(" \t ", " \t"), "");
   EXPECT_EQ(strip("value\r", " \t"), "value\r");
-}
 
-TEST(TextUtils, ConvertParsesDigitsAndStopsOnOthers) {
   unsigned long value = 0;
   convert_uint64_t(value, "18446744073709551615", "max");
   EXPECT_EQ(value, std::numeric_limits<unsigned long>::max());
-  EXPECT_DEATH(
-      {
-        dup2(2, 1);
-        convert_uint64_t(value, "12a", "count");
-      },
-      "ERROR: Non-digit character found: count : 12a");
+  EXPECT_DIES_SAYING(convert_uint64_t(value, "12a", "count"),
+                     "ERROR: Non-digit character found: count : 12a");
+
+  zelsim_test::TempDir dir;
+  confirm_directory_exists(dir.Write("file", ""));  // "test -e" is all that is asked
 }
 
-TEST(TextUtils, ConfirmDirectoryAcceptsAnExistingFile) {
-  char name[] = "/tmp/zelsimXXXXXX";
-  const int fd = mkstemp(name);
-  ASSERT_GE(fd, 0);
-  close(fd);
-  confirm_directory_exists(name);  // "test -e" is all that is asked
-  unlink(name);
-}
+// The host tag prints in hex and the model's tag in decimal; atomics print
+// their tag in decimal and no sc_tag.
+TEST(FlitPrinting, EveryForm) {
+  Flit read(300, 0x1234, RD, 64, true, true, 1);
+  read.hostTag = 5;
+  read.lane = 2;
+  std::ostringstream out;
+  out << read;
+  EXPECT_EQ(
+      out.str(),
+      "[HEAD cmd:RD64 tag:005 sc_tag:300 addr:0x00001234 d[4294967295] l[4294967295,2] #:1 tokens:0 TAIL]");
+  EXPECT_EQ(out.fill(), '0');  // left behind on the stream
+  EXPECT_EQ(out.flags() & std::ios::basefield, std::ios::dec);
+  read.hostTag = -1;
+  EXPECT_NE(Print(read).find("tag:12c sc_tag:300"), std::string::npos);
 
-TEST(FlitPrinting, ReadShowsHostTagInHexAndModelTagInDecimal) {
-  Flit flit(300, 0x1234, RD, 64, true, true, 1);
-  flit.hostTag = 5;
-  flit.lane = 2;
-  EXPECT_EQ(Print(flit),
-            "[HEAD cmd:RD64 tag:005 sc_tag:300 addr:0x00001234 d[4294967295] l[4294967295,2] #:1 tokens:0 TAIL]");
-  flit.hostTag = -1;
-  EXPECT_NE(Print(flit).find("tag:12c sc_tag:300"), std::string::npos);
-}
-
-TEST(FlitPrinting, EveryCommandHasItsForm) {
   Flit response(7, 0xabc, WR_RSP, 32, true, true, 1);
   response.lane = 0;
-  EXPECT_EQ(Print(response),
-            "[HEAD cmd:WR_RSP tag:007 sc_tag:7 addr:0x00000abc d[4294967295] l[4294967295,0] #:1 tokens:0 TAIL]");
+  EXPECT_EQ(
+      Print(response),
+      "[HEAD cmd:WR_RSP tag:007 sc_tag:7 addr:0x00000abc d[4294967295] l[4294967295,0] #:1 tokens:0 TAIL]");
   Flit tokens(9, ~0ul, TOKEN_RETURN, 0, true, true, 1);
   tokens.returnTokens = 31;
   EXPECT_EQ(Print(tokens), "[HEAD cmd:TOKEN_RETURN tag:009 sc_tag:9 tokens:31 TAIL]");
-  // Atomics print the tag in decimal and no sc_tag.
   Flit atomic(300, 0x10, ADD16, 16, false, true, 2);
   atomic.lane = 1;
-  EXPECT_EQ(Print(atomic), "      cmd:ADD16 tag:300 addr:0x00000010 d[4294967295] l[4294967295,1] #:2 tokens:0 TAIL]");
+  EXPECT_EQ(Print(atomic),
+            "      cmd:ADD16 tag:300 addr:0x00000010 d[4294967295] l[4294967295,1] #:2 tokens:0 TAIL]");
   Flit unknown(1, 0, static_cast<ZELCommand>(13), 0, false, false, 1);
   unknown.returnTokens = 3;
   unknown.consumed = true;
   EXPECT_EQ(Print(unknown), "      Unknown Command!!! tokens:3 **CONSUMED**");
+  EXPECT_EQ(Print(Flit_P()), "      cmd:NULL_COMMAND tokens:0");
+
+  Flit* stale = new Flit(1, 0, RD, 16, true, true, 1);
+  stale->lane = 0;
+  stale->~Flit();  // look at the record after its destructor, as a stale pointer would
+  EXPECT_NE(Print(*stale).find(" **INVALID**"), std::string::npos);
+  ::operator delete(stale);
 }
 
-TEST(FlitPrinting, DefaultHandleAndDeletedFlit) {
-  Flit_P blank;
-  std::ostringstream out;
-  out << blank;
-  EXPECT_EQ(out.str(), "      cmd:NULL_COMMAND tokens:0");
-
-  Flit* flit = new Flit(1, 0, RD, 16, true, true, 1);
-  flit->lane = 0;
-  flit->~Flit();  // look at the record after its destructor, as a stale pointer would
-  EXPECT_NE(Print(*flit).find(" **INVALID**"), std::string::npos);
-  ::operator delete(flit);
-}
-
-TEST(FlitPrinting, LeavesFillCharacterAtZero) {
-  std::ostringstream out;
-  Flit flit(1, 0x1, RD, 16, true, true, 1);
-  flit.lane = 0;
-  out << flit;
-  EXPECT_EQ(out.fill(), '0');
-  EXPECT_EQ(out.flags() & std::ios::basefield, std::ios::dec);
-}
-
-TEST(FlitHandle, NumbersAndComparison) {
+TEST(FlitHandle, NumbersComparisonAndTokens) {
   Flit* flit = new Flit(1, 0, RD, 16, true, true, 1);
   Flit_P a(flit);
   Flit_P b(flit);
@@ -129,6 +108,13 @@ TEST(FlitHandle, NumbersAndComparison) {
   Flit_P copy = a;
   EXPECT_TRUE(copy == a);
   delete flit;
+
+  Flit_P tail(1, 0, WR, 16, false, true, 2);
+  tail.AttachTokens(7);
+  tail.AttachTokens(3);
+  EXPECT_EQ(tail.GetNumReturnTokens(), 3u);
+  Flit_P header(1, 0, WR, 16, true, false, 1);
+  EXPECT_DIES_SAYING(header.AttachTokens(1), "(*flit).tail");
 }
 
 TEST(FlitHandle, AssignmentKeepsTargetsHostTagAndMark) {
@@ -148,88 +134,6 @@ TEST(FlitHandle, AssignmentKeepsTargetsHostTagAndMark) {
   EXPECT_EQ(copy.validMark, FLIT_VALID_MARK);
 }
 
-TEST(FlitHandle, AttachTokensNeedsATail) {
-  Flit_P tail(1, 0, WR, 16, false, true, 2);
-  tail.AttachTokens(7);
-  tail.AttachTokens(3);
-  EXPECT_EQ(tail.GetNumReturnTokens(), 3u);
-  Flit_P header(1, 0, WR, 16, true, false, 1);
-  EXPECT_DEATH(header.AttachTokens(1), "\\(\\*flit\\).tail");
-}
-
-TEST(DramBusPacket, PrintedForms) {
-  DRAMBusPacket packet;
-  packet.command = READ;
-  packet.partition = 1;
-  packet.bank = 2;
-  packet.row = 3;
-  packet.col = 4;
-  packet.tag = 0xffffffffu;
-  std::ostringstream out;
-  out << packet;
-  EXPECT_EQ(out.str(), "READ prt:1 bnk:2 row:3 col:4 tag:4294967295");
-
-  packet.command = DATA;
-  packet.tag = 5;
-  std::ostringstream beats;
-  beats << packet << "|";
-  packet.firstBeat = false;
-  beats << packet;
-  EXPECT_EQ(beats.str(), "DATA prt:1 bnk:2 row:3 col:4 (1) tag:5|DATA prt:1 bnk:2 row:3 col:4 (0) tag:5");
-
-  packet.command = REF;
-  std::ostringstream ref;
-  ref << packet;
-  EXPECT_EQ(ref.str(), "REF prt:1 bnk:2");
-
-  packet.command = static_cast<DRAMCommand>(6);
-  std::ostringstream bad;
-  bad << packet;
-  EXPECT_EQ(bad.str(), "EVEN BIGGER ERROR!!!!!!!!!!!!!!!!!!!\n");
-}
-
-TEST(DramBusPacket, EqualityCoversEveryField) {
-  DRAMBusPacket a;
-  DRAMBusPacket b;
-  EXPECT_TRUE(a == b);
-  b.firstBeat = false;
-  EXPECT_FALSE(a == b);
-  b = a;
-  b.earliestIssue = sc_core::sc_time(1, sc_core::SC_NS);
-  EXPECT_FALSE(a == b);
-}
-
-// Two handles to one flit written to a signal in turn are two events; a
-// copy of the current handle is none.
-struct SignalProbe : sc_core::sc_module {
-  sc_core::sc_signal<Flit_P> signal;
-  int events = 0;
-  Flit* flit = new Flit(1, 0, RD, 16, true, true, 1);
-  SC_HAS_PROCESS(SignalProbe);
-  explicit SignalProbe(sc_core::sc_module_name name) : sc_module(name), signal("signal") {
-    SC_METHOD(Count);
-    sensitive << signal;
-    dont_initialize();
-    SC_THREAD(Drive);
-  }
-  void Count() { ++events; }
-  void Drive() {
-    Flit_P first(flit);
-    signal.write(first);
-    wait(1, sc_core::SC_NS);
-    signal.write(Flit_P(flit));
-    wait(1, sc_core::SC_NS);
-    signal.write(signal.read());
-    wait(1, sc_core::SC_NS);
-  }
-};
-
-TEST(FlitHandle, SignalSeesEveryNewHandle) {
-  SignalProbe probe("probe");
-  sc_core::sc_start(sc_core::sc_time(10, sc_core::SC_NS));
-  EXPECT_EQ(probe.events, 2);
-}
-
 TEST(FlitHandle, LiveCounterFollowsRequestsAndResponses) {
   const int64_t before = Flit::liveRequestsAndResponses;
   Flit* request = new Flit(1, 0, RD, 32, true, true, 1);
@@ -242,4 +146,47 @@ TEST(FlitHandle, LiveCounterFollowsRequestsAndResponses) {
   delete response;
   delete tokens;
   EXPECT_EQ(Flit::liveRequestsAndResponses, before);
+}
+
+// Two handles to one flit written to a signal in turn are two events; a
+// copy of the current handle is none.
+TEST(FlitHandle, SignalSeesEveryNewHandle) {
+  sc_core::sc_signal<Flit_P> signal("signal");
+  int events = 0;
+  sc_core::sc_spawn_options options;
+  options.spawn_method();
+  options.set_sensitivity(&signal.value_changed_event());
+  options.dont_initialize();
+  sc_core::sc_spawn([&events] { ++events; }, "count", &options);
+  Flit* flit = new Flit(1, 0, RD, 16, true, true, 1);
+  for (int write = 0; write < 3; ++write) {
+    signal.write(write < 2 ? Flit_P(flit) : signal.read());
+    sc_core::sc_start(1, sc_core::SC_NS);
+  }
+  EXPECT_EQ(events, 2);
+}
+
+TEST(DramBusPacket, PrintedFormsAndEquality) {
+  DRAMBusPacket packet;
+  packet.command = READ;
+  packet.partition = 1;
+  packet.bank = 2;
+  packet.row = 3;
+  packet.col = 4;
+  packet.tag = 0xffffffffu;
+  EXPECT_EQ(Print(packet), "READ prt:1 bnk:2 row:3 col:4 tag:4294967295");
+  packet.command = REF;
+  EXPECT_EQ(Print(packet), "REF prt:1 bnk:2");
+  packet.command = static_cast<DRAMCommand>(6);
+  EXPECT_EQ(Print(packet), "EVEN BIGGER ERROR!!!!!!!!!!!!!!!!!!!\n");
+
+  // Equality covers every field, down to the beat and the issue time.
+  DRAMBusPacket a;
+  DRAMBusPacket b;
+  EXPECT_TRUE(a == b);
+  b.firstBeat = false;
+  EXPECT_FALSE(a == b);
+  b = a;
+  b.earliestIssue = sc_core::sc_time(1, sc_core::SC_NS);
+  EXPECT_FALSE(a == b);
 }
