@@ -321,21 +321,28 @@ void LegalHost::CompletePacket(HostLink& link) {
     Mismatch(link, "response matches no outstanding request", head);
   } else {
     const Outstanding& expected = found->second;
-    std::ostringstream what;
-    if (head->command != expected.response) {
-      what << "response command " << CommandName(head->command) << " to a "
-           << CommandName(expected.request.command) << " request";
-    } else if (link.arriving.size() != expected.responseFlits) {
-      what << "response of " << link.arriving.size() << " flits, expected " << expected.responseFlits;
-    } else if (head->address != expected.request.address) {
-      what << "response for address 0x" << std::hex << head->address << ", request had 0x"
-           << expected.request.address;
-    }
-    if (what.str().empty()) {
+    const bool commandOk = head->command == expected.response;
+    const bool lengthOk = link.arriving.size() == expected.responseFlits;
+    const bool addressOk = head->address == expected.request.address;
+    if (commandOk && lengthOk && addressOk) {
       ++link.stats.completed;
       if (expected.request.command == RD) link.stats.bytesRead += expected.request.length;
       link.stats.latency.Add(Nanoseconds(sc_time_stamp() - expected.sentAt));
     } else {
+      // The text is built only when Mismatch will print it: on the normal
+      // path, and past the message limit, a response costs no formatting.
+      std::ostringstream what;
+      if (mismatchMessages.size() >= setup.maxMismatchMessages) {
+        // Only counted.
+      } else if (!commandOk) {
+        what << "response command " << CommandName(head->command) << " to a "
+             << CommandName(expected.request.command) << " request";
+      } else if (!lengthOk) {
+        what << "response of " << link.arriving.size() << " flits, expected " << expected.responseFlits;
+      } else {
+        what << "response for address 0x" << std::hex << head->address << ", request had 0x"
+             << expected.request.address;
+      }
       Mismatch(link, what.str(), head);
     }
     link.freeTags.push_back(found->first);
