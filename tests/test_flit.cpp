@@ -164,6 +164,7 @@ TEST(FlitHandle, SignalSeesEveryNewHandle) {
     sc_core::sc_start(1, sc_core::SC_NS);
   }
   EXPECT_EQ(events, 2);
+  delete flit;
 }
 
 TEST(DramBusPacket, PrintedFormsAndEquality) {

@@ -33,6 +33,10 @@ Flit* MakeFlit(unsigned tag, uint64_t address, ZELCommand command, unsigned leng
                unsigned number, unsigned tokens = 0) {
   Flit* flit = new Flit(tag, address, command, length, header, tail, number);
   flit->returnTokens = tokens;
+  // The harness owns no flit that it hands to the block: they stay reachable
+  // here for the program's life, whether the block deletes them or not.
+  static auto* made = new std::vector<Flit*>;  // never destroyed
+  made->push_back(flit);
   return flit;
 }
 

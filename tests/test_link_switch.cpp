@@ -239,6 +239,10 @@ struct Bench : sc_core::sc_module {
       flit->destination = vault;
       flit->sourceLink = link;
       links[link].pending.push_back(flit);
+      // The harness owns no flit that it hands to the block: they stay
+      // reachable here for the program's life.
+      static auto* made = new std::vector<Flit*>;  // never destroyed
+      made->push_back(flit);
     }
     sent[{link, tag}] = flits;
     totalFlits += flits;
@@ -440,6 +444,10 @@ Flit_P NewFlit(uint32_t tag, zel::ZELCommand command, unsigned length, unsigned 
                bool header, bool tail, unsigned number = 1) {
   auto* flit = new Flit(tag, 0, command, length, header, tail, number);
   flit->destination = destination;
+  // The harness owns no flit that it hands to the block: they stay reachable
+  // here for the program's life, whether the block deletes them or not.
+  static auto* made = new std::vector<Flit*>;  // never destroyed
+  made->push_back(flit);
   return Flit_P(flit);
 }
 

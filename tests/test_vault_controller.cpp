@@ -817,6 +817,8 @@ TEST(VaultControllerDump, PrintsEveryQueue) {
   vc.DumpState();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), expected.str());
   EXPECT_NE(expected.str().find("ACT prt:1 bnk:2 row:3 col:4 tag:1"), std::string::npos);
+  delete a.flit;
+  delete b.flit;
 }
 
 // ---------------------------------------------------------------------------

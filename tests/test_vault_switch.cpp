@@ -42,6 +42,10 @@ Flit_P ResponseFlit(uint32_t tag, unsigned home, unsigned n, unsigned flits) {
   Flit* flit =
       new Flit(tag, 0x40ul * tag, flits == 1 ? WR_RSP : RD_RSP, (flits - 1) * 16, n == 1, n == flits, n);
   flit->sourceLink = home;
+  // The harness owns no flit that it hands to the block: they stay reachable
+  // here for the program's life, whether the block deletes them or not.
+  static auto* made = new std::vector<Flit*>;  // never destroyed
+  made->push_back(flit);
   return Flit_P(flit);
 }
 

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+// The verdict on one zelsim --check-rest run: whether the model stopped on an
+// error of its own, whether the kernel complained, whether the host found
+// responses that didn't match or never came, and whether the cube came back
+// to rest; with the run's figures from its JSON results.
+#ifndef ZELSIM_SOAK_OUTCOME_H
+#define ZELSIM_SOAK_OUTCOME_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "apps/soak/runner.h"
+
+namespace Sornak {
+namespace Internal {
+namespace ZEL2 {
+namespace Soak {
+
+// A small JSON reader, enough for zelsim's results.
+struct JsonValue {
+  enum class Type { Null, Bool, Number, String, Array, Object };
+  Type type = Type::Null;
+  bool boolean = false;
+  double number = 0;
+  std::string text;
+  std::vector<JsonValue> items;                            // Array
+  std::vector<std::pair<std::string, JsonValue>> members;  // Object, in order
+
+  // The member `key` of an object, or nullptr.
+  const JsonValue* Find(const std::string& key) const;
+};
+// False, with `error` set, when `text` isn't one JSON value.
+bool ParseJson(const std::string& text, JsonValue& value, std::string& error);
+
+// The host's totals over all links, as the JSON results give them.
+struct RunFigures {
+  uint64_t issued = 0;
+  uint64_t reads = 0;
+  uint64_t writes = 0;
+  uint64_t atomics = 0;
+  uint64_t posted = 0;
+  uint64_t completed = 0;    // non-posted requests answered
+  uint64_t outstanding = 0;  // non-posted requests never answered
+  uint64_t requestFlits = 0;
+  uint64_t responseFlits = 0;
+  uint64_t mismatches = 0;
+  double endTimeNs = 0;
+};
+
+// How a run went wrong; a run can go wrong in several ways at once.
+enum class Failure {
+  ModelError,     // the model stopped on a broken rule (message, abort or assertion)
+  KernelReport,   // a SystemC warning or error
+  Sanitizer,      // an AddressSanitizer, LeakSanitizer or UndefinedBehaviorSanitizer report
+  Mismatch,       // a response that didn't match its request
+  Unanswered,     // a non-posted request without a response
+  RestViolation,  // the cube did not come back to rest
+  Deadlock,       // zelsim's watchdog: traffic outstanding and no flit moving
+  Timeout,        // killed at the wall-clock limit
+  Refused,        // zelsim refused the command line or configuration (status 2)
+  NoResults,      // no summary, no rest-state line or no readable JSON
+  Count
+};
+const char* FailureName(Failure f);
+
+// A model error that has been reduced, explained and documented
+// (docs/robustness.md), and that a run may meet until the model is changed.
+struct KnownIssue {
+  const char* id;           // short name, as the report shows it
+  const char* message;      // regular expression matched against the model's message lines
+  const char* requiredArg;  // a zelsim argument the case must have for the issue to arise
+  const char* summary;      // one line: which block and rule
+};
+const std::vector<KnownIssue>& KnownIssues();
+
+struct Outcome {
+  bool haveFigures = false;
+  RunFigures figures;
+  unsigned restViolations = 0;
+  std::map<Failure, unsigned> failures;  // kind -> count (lines, requests ...)
+  std::vector<std::string> details;      // the lines that tell why, for the report
+  // The id of the known issue that explains the run's only failure, a model
+  // error; empty when there is none.
+  std::string knownIssue;
+
+  bool Passed() const { return failures.empty(); }
+};
+
+// Judges one finished child run of zelsim with the arguments `argv`.
+Outcome Judge(const ChildResult& run, const std::vector<std::string>& argv = {});
+
+}  // namespace Soak
+}  // namespace ZEL2
+}  // namespace Internal
+}  // namespace Sornak
+
+#endif  // ZELSIM_SOAK_OUTCOME_H
