@@ -332,6 +332,17 @@ std::vector<std::string> CheckRestState(const Cube2in1Wrapper& wrapper, const Le
   const Config& cfg = cube.cfg;
 
   CheckHost(host, findings);
+  // A refresh transaction is a read flit of the vault controller's own; one
+  // that waits in the latch at the moment of the check is work, not a leak.
+  int64_t latchedRefreshFlits = 0;
+  for (unsigned q = 0; q < cfg.NUM_QUADS; ++q) {
+    const zel2_quad& quad = *cube.quads[q];
+    for (unsigned v = 0; v < cfg.VAULTS_PER_QUAD; ++v) {
+      const zel2_vault_controller& vc = *quad.slices[v]->vaultController;
+      if (vc.transactionQueueLatch != nullptr && (*vc.transactionQueueLatch)->tag == kAllOnes)
+        ++latchedRefreshFlits;
+    }
+  }
   for (unsigned q = 0; q < cfg.NUM_QUADS; ++q) {
     const zel2_quad& quad = *cube.quads[q];
     const LegalHost::HostLink* hostLink = q < host.links.size() ? &host.links[q] : nullptr;
@@ -345,7 +356,7 @@ std::vector<std::string> CheckRestState(const Cube2in1Wrapper& wrapper, const Le
     }
   }
   // Every request and response flit has been deleted where its road ends.
-  findings.Equal("flits", "Flit::liveRequestsAndResponses", Flit::liveRequestsAndResponses,
+  findings.Equal("flits", "Flit::liveRequestsAndResponses", Flit::liveRequestsAndResponses - latchedRefreshFlits,
                  expect.liveFlitsAtStart, "its value before the run");
   return lines;
 }
