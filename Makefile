@@ -51,7 +51,7 @@ test-sanitize: deps
 
 # The soak: zelsim --check-rest over the configuration matrix, every pair of
 # settings covered once per seed, a fifth of the runs made twice and compared
-# byte for byte; prints the figures (docs/robustness.md). SOAK_ARGS adds or
+# byte for byte; prints the figures (docs/reliability.md). SOAK_ARGS adds or
 # overrides options, e.g. SOAK_ARGS="--full" or SOAK_ARGS="--seeds 50".
 SOAK_ARGS ?=
 soak: build

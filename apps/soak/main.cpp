@@ -67,7 +67,7 @@ const char kUsage[] =
     "  --quiet             no line per run, only failures and the figures\n"
     "  --stop-on-failure   stop starting runs after the first failure\n"
     "  --allow-known       a run stopped by a documented known issue of the model\n"
-    "                      (see docs/robustness.md) is counted and shown, but is\n"
+    "                      (see docs/reliability.md) is counted and shown, but is\n"
     "                      no failure\n"
     "  --json FILE         write the figures as JSON\n"
     "  --help              this text\n"

@@ -66,7 +66,7 @@ enum class Failure {
 const char* FailureName(Failure f);
 
 // A model error that has been reduced, explained and documented
-// (docs/robustness.md), and that a run may meet until the model is changed.
+// (docs/reliability.md), and that a run may meet until the model is changed.
 struct KnownIssue {
   const char* id;           // short name, as the report shows it
   const char* message;      // regular expression matched against the model's message lines
