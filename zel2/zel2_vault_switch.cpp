@@ -379,7 +379,11 @@ bool zel2_vault_switch::WalkResponseBuffer(unsigned quad, unsigned vault, unsign
   bool wrapped = false;
   bool movedInWalk = false;
   std::size_t index = 0;
-  while (index < buffer.size()) {
+  // Flits for this quad from `index` on. Once none is left, the rest of the
+  // walk could only step over other quads' flits, which changes nothing, so
+  // it stops there (the buffers are long and mostly hold other quads' flits).
+  int forQuad = responseFlitsFor[vault][quad];
+  while (index < buffer.size() && forQuad > 0) {
     if (flitsIntoQuad[quad] >= lanes || flitsOutOfVault[vault] >= lanes) break;
     if (smoothingBuffers[quad].size() >= capacity) break;
     if (priorityFor[quad] && (overThreshold & Bit(vault)) == 0 && smoothingOwner[quad] != owner) break;
@@ -391,6 +395,7 @@ bool zel2_vault_switch::WalkResponseBuffer(unsigned quad, unsigned vault, unsign
       const int oldLane = flit->lane;
       if (previousLane > oldLane) wrapped = true;
       MoveToSmoothing(quad, vault, index);
+      --forQuad;
       previousLane = oldLane;
       movedInWalk = true;
       flitMoved = true;
@@ -398,6 +403,7 @@ bool zel2_vault_switch::WalkResponseBuffer(unsigned quad, unsigned vault, unsign
     } else {
       // A flit for another quad, or held back by another vault's packet,
       // stays where it is and doesn't block those behind it.
+      if (flit->sourceLink == quad) --forQuad;
       ++index;
       handOver = movedInWalk && smoothingOwner[quad] == -1 && PopCount(sourcesWithFlits) > 1;
     }
