@@ -163,6 +163,8 @@ class LegalHost : public sc_core::sc_module {
   void PauseAtDrain();
   void PlanCycle(HostLink& link, std::vector<Flit*>& flits);
   bool StartPacket(HostLink& link);
+  // A TOKEN_RETURN flit carrying `tokens`; the link owns it once it is sent.
+  static Flit* MakeTokenReturn(unsigned tokens);
   void TakeResponse(HostLink& link, Flit* flit);
   void CompletePacket(HostLink& link);
   void Mismatch(HostLink& link, const std::string& what, const Flit* flit);

@@ -4,5 +4,12 @@
 #include <systemc>
 
 #include "apps/zelsim/bench.h"
+#include "apps/zelsim/sanitizer_stack.h"
 
-int sc_main(int argc, char* argv[]) { return Sornak::Internal::ZEL2::Bench::RunZelsim(argc, argv); }
+int sc_main(int argc, char* argv[]) {
+  namespace Bench = Sornak::Internal::ZEL2::Bench;
+  Bench::SpendWrongStackWarning();
+  const int status = Bench::RunZelsim(argc, argv);
+  Bench::RestoreMainStack();
+  return status;
+}
