@@ -707,6 +707,7 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
     }
   }
   setup.deadlockTimeout = sc_core::sc_time(static_cast<double>(options.deadlockTimeoutNs), sc_core::SC_NS);
+  setup.tokenReturnWait = options.tokenReturnWait;
   const auto dumpState = overlay.find("DUMP_STATE");
   const bool wantsStateDump =
       options.dumpState || (dumpState != overlay.end() && dumpState->second.value == "true");

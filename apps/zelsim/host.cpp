@@ -205,7 +205,9 @@ void LegalHost::PlanCycle(HostLink& link, std::vector<Flit*>& flits) {
   }
   // Response space that no tail could carry goes back in a flit of its own,
   // never in the middle of a packet.
-  if (budget > 0 && link.sending.empty() && link.responseTokensOwed > 0) {
+  const bool tokensWaited = cycle - link.owedSince >= setup.tokenReturnWait ||
+                            link.responseTokensOwed >= cfg.MAX_TOKEN_RETURN;
+  if (budget > 0 && link.sending.empty() && link.responseTokensOwed > 0 && tokensWaited) {
     Flit* tokens = MakeTokenReturn(link.responseTokensOwed);
     link.stats.responseTokensReturned += link.responseTokensOwed;
     link.responseTokensOwed = 0;
@@ -305,7 +307,7 @@ void LegalHost::TakeResponse(HostLink& link, Flit* flit) {
     return;
   }
   ++link.stats.responseFlits;
-  if (!openLoop) ++link.responseTokensOwed;
+  if (!openLoop && link.responseTokensOwed++ == 0) link.owedSince = cycle;
 
   if (!link.arriving.empty() && (flit->header || flit->tag != link.arriving.front()->tag)) {
     Mismatch(link, "response packet cut short by another", link.arriving.front());

@@ -58,6 +58,11 @@ struct HostSetup {
   // the host takes the cube as deadlocked, sets `deadlocked` and stops the
   // kernel. Zero turns the watchdog off.
   sc_core::sc_time deadlockTimeout = sc_core::SC_ZERO_TIME;
+  // Core cycles that freed response space may wait for a request tail to
+  // carry it before it goes back in a TOKEN_RETURN flit of its own; a
+  // flit's worth (MAX_TOKEN_RETURN) goes at once. Zero: at the first cycle
+  // with room on the link.
+  unsigned tokenReturnWait = 0;
 };
 
 // Flits a link carries in one core cycle, computed as the link computes it
@@ -98,6 +103,7 @@ class LegalHost : public sc_core::sc_module {
     // with the tokens the link holds and the responses under way it makes up
     // BFM_TOKENS_PER_LINK, so the link's count never exceeds that limit.
     unsigned responseTokensOwed = 0;
+    uint64_t owedSince = 0;  // cycle in which responseTokensOwed last rose from zero
     std::deque<unsigned> freeTags;                // tags for non-posted requests
     std::map<unsigned, Outstanding> outstanding;  // by tag
     std::deque<Flit*> sending;                    // rest of the packet being sent

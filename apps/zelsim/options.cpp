@@ -346,6 +346,15 @@ ParseStatus ParseCommandLine(int argc, const char* const* argv, Options& options
       options.deadlockTimeoutNs = number;
       continue;
     }
+    if (option == "--token-return-wait") {
+      if (!takeValue()) return ParseStatus::Error;
+      if (!ParseUnsignedOption(value, 1000000, number)) {
+        error = "bad value '" + value + "' for --token-return-wait: expected a number of core cycles up to 1000000";
+        return ParseStatus::Error;
+      }
+      options.tokenReturnWait = static_cast<unsigned>(number);
+      continue;
+    }
     if (option == "--cube-size") {
       if (!takeValue()) return ParseStatus::Error;
       if (!ParseUnsignedOption(value, 2, number)) {
@@ -413,6 +422,10 @@ std::string UsageText() {
          "                      stop as deadlocked when no flit moves at the host for NS ns\n"
          "                      of simulated time while traffic is outstanding (default\n"
          "                      100000; 0: never)\n"
+         "  --token-return-wait CYCLES\n"
+         "                      let freed response space wait up to CYCLES core cycles for\n"
+         "                      a request tail before a TOKEN_RETURN flit carries it\n"
+         "                      (default 0: at once)\n"
          "\n"
          "Output:\n"
          "  --json FILE         write the results as JSON to FILE\n"

@@ -87,6 +87,7 @@ struct Options {
   // traffic is outstanding, after which the run is taken as deadlocked; 0
   // turns the watchdog off.
   uint64_t deadlockTimeoutNs = 100000;
+  unsigned tokenReturnWait = 0;  // HostSetup::tokenReturnWait
   // False (--no-config-guards, for tests only): skip the refusal of
   // configurations that the cube can't run to the end.
   bool configGuards = true;
