@@ -9,9 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <deque>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
@@ -21,8 +19,7 @@
 #include <tuple>
 #include <vector>
 
-#include <systemc>
-
+#include "test_support.h"
 #include "zel2/Config.h"
 #include "zel2/StatsKeeper.h"
 #include "zel2/zel2_cube.h"
@@ -34,59 +31,46 @@ namespace {
 namespace zel = Sornak::Internal::ZEL2;
 using sc_core::sc_signal;
 using sc_core::sc_time;
-using sc_core::SC_NS;
-using sc_core::SC_PS;
 using zel::Flit;
 using zel::Flit_P;
 
 constexpr uint32_t NONE = 0xffffffffu;
 
-// ---- Matching of the model's messages in death tests
-
-class ContainsAllText : public ::testing::MatcherInterface<const std::string&> {
- public:
-  explicit ContainsAllText(std::vector<std::string> texts) : texts_(std::move(texts)) {}
-  bool MatchAndExplain(const std::string& output, ::testing::MatchResultListener*) const override {
-    for (const auto& text : texts_)
-      if (output.find(text) == std::string::npos) return false;
-    return true;
-  }
-  void DescribeTo(std::ostream* os) const override {
-    *os << "contains";
-    for (const auto& text : texts_) *os << " \"" << text << "\"";
-  }
-
- private:
-  std::vector<std::string> texts_;
-};
-
-::testing::Matcher<const std::string&> Output(std::vector<std::string> texts) {
-  return ::testing::MakeMatcher(new ContainsAllText(std::move(texts)));
-}
-
-// The model writes to stdout; death tests read stderr.
-#define EXPECT_MODEL_EXIT(statement, ...) \
-  EXPECT_EXIT({ dup2(2, 1); statement; }, ::testing::ExitedWithCode(0), Output({__VA_ARGS__}))
-#define EXPECT_MODEL_DEATH(statement, ...) EXPECT_DEATH({ dup2(2, 1); statement; }, Output({__VA_ARGS__}))
+template <class T>
+using Signals = std::vector<std::unique_ptr<sc_signal<T>>>;
 
 template <class T>
-using SignalPtr = std::unique_ptr<sc_signal<T>>;
-
-template <class T>
-std::vector<SignalPtr<T>> MakeSignals(size_t count) {
-  std::vector<SignalPtr<T>> signals;
-  for (size_t i = 0; i < count; ++i)
-    signals.emplace_back(new sc_signal<T>(sc_core::sc_gen_unique_name("signal")));
+Signals<T> MakeSignals(size_t count) {
+  Signals<T> signals;
+  for (size_t i = 0; i < count; ++i) signals.emplace_back(new sc_signal<T>(sc_core::sc_gen_unique_name("s")));
   return signals;
 }
 
-unsigned Peer(unsigned self, unsigned other) { return other < self ? other : other - 1; }
+// The harness owns no flit that it hands to the block: they stay reachable
+// here for the program's life, whether the block deletes them or not.
+Flit* Keep(Flit* flit) {
+  static auto* made = new std::vector<Flit*>;  // never destroyed
+  made->push_back(flit);
+  return flit;
+}
+
+Flit_P NewFlit(uint32_t tag, zel::ZELCommand command, unsigned length, unsigned destination, bool header,
+               bool tail, unsigned number = 1) {
+  Flit* flit = Keep(new Flit(tag, 0, command, length, header, tail, number));
+  flit->destination = destination;
+  return Flit_P(flit);
+}
+
+std::string Printed(const Flit& flit) {
+  std::ostringstream out;
+  out << flit;
+  return out.str();
+}
 
 // Write credits a flit takes at its vault, by header, tail and length.
 unsigned WriteEntries(const Flit& flit) {
   if (flit.header) return flit.tail ? 0 : 1;
-  if (!flit.tail) return 1;
-  return flit.requestLength % 32 != 0 ? 1 : 0;
+  return !flit.tail || flit.requestLength % 32 != 0 ? 1 : 0;
 }
 
 // A config for Q quads of V vaults, everything else at its default.
@@ -99,66 +83,52 @@ zel::Config MakeConfig(unsigned quads, unsigned vaults) {
   return cfg;
 }
 
+// Owns a copy of the configuration and the statistics; `real[q]` says
+// whether quad q has a switch.
 struct Bench : sc_core::sc_module {
-  // The link slave of a quad.
-  struct LinkSide {
-    std::deque<Flit*> pending;   // flits not yet sent, in order
-    int tokens = 100;
-    int initialTokens = 100;
-    unsigned perCycle = 3;       // flits sent in one cycle at most
+  struct LinkSide {             // the link slave of a quad
+    std::deque<Flit*> pending;  // flits not yet sent, in order
+    int tokens = 100, initialTokens = 100;
+    unsigned perCycle = 3;  // flits sent in one cycle at most
     bool midPacket = false;
     unsigned nextTag = 1;
     std::vector<std::pair<sc_time, int>> tokenLog;
     std::vector<std::pair<sc_time, bool>> busyLog;
     std::vector<size_t> lineLog;  // own source line count, sampled half a cycle after each edge
   };
-  // The vault controller of one vault.
-  struct VaultSide {
-    uint32_t tagInProgress = NONE;
-    uint32_t nextFlitNumber = 1;
-    std::deque<sc_time> commandDue;                 // command credits owed, by due time
-    std::deque<std::pair<sc_time, int>> writeDue;   // write credits owed
-    unsigned outstandingCommands = 0, maxOutstandingCommands = 0;
-    unsigned outstandingWrites = 0, maxOutstandingWrites = 0;
-    sc_time lastCommandReturn = sc_core::SC_ZERO_TIME;
+  struct VaultSide {  // the vault controller of one vault
+    uint32_t tagInProgress = NONE, nextFlitNumber = 1;
+    std::deque<sc_time> commandDue, writeDue;                           // credits owed, by due time
+    unsigned commands = 0, maxCommands = 0, writes = 0, maxWrites = 0;  // outstanding
+    sc_time lastCommandReturn;
     std::vector<std::pair<sc_time, uint32_t>> arrivals;  // (time, tag) of whole packets
   };
 
-  const zel::Config& cfg;
-  zel::StatsKeeper& stats;
+  zel::Config cfg;
+  zel::StatsKeeper stats;
   const unsigned Q, V;
-  std::vector<std::unique_ptr<zel::zel2_link_switch>> lsw;  // null where the quad has none
-
-  std::vector<std::vector<SignalPtr<Flit_P>>> linkFlits;           // [q][lane]
-  std::vector<SignalPtr<bool>> busy;                               // [q]
-  std::vector<SignalPtr<int>> linkTokens;                          // [q]
-  std::vector<std::vector<SignalPtr<Flit_P>>> vaultFlits;          // [q][port]
-  std::vector<std::vector<SignalPtr<bool>>> commandCredits;        // [q][v]
-  std::vector<std::vector<SignalPtr<int>>> writeCredits;           // [q][v]
-  std::vector<std::vector<std::vector<SignalPtr<Flit_P>>>> interquadFlits;  // [from][to][slot]
-  std::vector<std::vector<SignalPtr<int>>> interquadCredits;       // [from][to]
-  std::vector<std::vector<SignalPtr<int>>> earlyCredits;           // [from][to]
-
+  std::vector<std::unique_ptr<zel::zel2_link_switch>> lsw;   // null where the quad has none
+  std::vector<Signals<Flit_P>> linkFlits, vaultFlits;        // [q][lane], [q][port]
+  Signals<bool> busy;                                        // [q]
+  Signals<int> linkTokens;                                   // [q]
+  std::vector<Signals<bool>> commandCredits;                 // [q][v]
+  std::vector<Signals<int>> writeCredits;                    // [q][v]
+  std::vector<Signals<int>> interquadCredits, earlyCredits;  // [from][to]
+  std::vector<std::vector<Signals<Flit_P>>> interquadFlits;  // [from][to][slot]
   std::vector<LinkSide> links;
   std::vector<std::vector<VaultSide>> vaults;
-  // Credit behaviour of the vault controllers.
+  // Credit behaviour of the vault controllers, in cycles and credits.
   unsigned commandDelay = 3, commandSpacing = 1, writeDelay = 8, writesPerCycle = 2;
-  sc_time holdCreditsUntil = sc_core::SC_ZERO_TIME;
-
-  std::map<std::pair<unsigned, uint32_t>, unsigned> sent;       // (link, tag) -> flits
-  std::map<std::pair<unsigned, uint32_t>, unsigned> delivered;  // (link, tag) -> whole arrivals
-  unsigned totalFlits = 0, remoteFlits = 0, crossings = 0, earlyRefunds = 0;
-  sc_time lastDelivery = sc_core::SC_ZERO_TIME;
+  sc_time holdCreditsUntil;
+  std::map<std::pair<unsigned, uint32_t>, unsigned> delivered;  // whole arrivals by (link, tag)
+  unsigned packets = 0, totalFlits = 0, remoteFlits = 0, crossings = 0, earlyRefunds = 0;
   std::vector<std::tuple<sc_time, unsigned, unsigned, int>> peerCreditLog;  // time, from, to, value
   std::function<void(unsigned cycle)> onEdge;  // called at each edge after the bench's own writes
-  std::function<void()> script;                // runs in its own thread from time zero
+  std::function<void(Bench&)> script;          // runs in its own thread from time zero
 
   SC_HAS_PROCESS(Bench);
-  Bench(sc_core::sc_module_name name, const zel::Config& config, zel::StatsKeeper& keeper,
-        std::vector<bool> real)
-      : sc_module(name), cfg(config), stats(keeper), Q(config.NUM_QUADS), V(config.VAULTS_PER_QUAD) {
-    lsw.resize(Q);
-    links.resize(Q);
+  Bench(sc_core::sc_module_name name, const zel::Config& config, std::vector<bool> real)
+      : sc_module(name), cfg(config), stats(cfg), Q(cfg.NUM_QUADS), V(cfg.VAULTS_PER_QUAD), lsw(Q), links(Q) {
     vaults.assign(Q, std::vector<VaultSide>(V));
     busy = MakeSignals<bool>(Q);
     linkTokens = MakeSignals<int>(Q);
@@ -167,42 +137,28 @@ struct Bench : sc_core::sc_module {
       vaultFlits.push_back(MakeSignals<Flit_P>(V * cfg.FLITS_IN_PER_CYCLE_VC));
       commandCredits.push_back(MakeSignals<bool>(V));
       writeCredits.push_back(MakeSignals<int>(V));
-      interquadFlits.emplace_back();
       interquadCredits.push_back(MakeSignals<int>(Q));
       earlyCredits.push_back(MakeSignals<int>(Q));
+      interquadFlits.emplace_back();
       for (unsigned n = 0; n < Q; ++n)
         interquadFlits[q].push_back(MakeSignals<Flit_P>(n == q ? 0 : cfg.FLITS_PER_CYCLE_LSW));
     }
     for (unsigned q = 0; q < Q; ++q)
       if (real[q]) Build(q);
-
     SC_THREAD(Run);
     SC_THREAD(RunScript);
-
-    SC_METHOD(ReceiveAtVaults);
-    for (unsigned q = 0; q < Q; ++q)
-      if (lsw[q])
-        for (auto& signal : vaultFlits[q]) sensitive << *signal;
-    dont_initialize();
-
-    SC_METHOD(WatchLinks);
-    for (unsigned q = 0; q < Q; ++q)
-      if (lsw[q]) sensitive << *linkTokens[q] << *busy[q];
-    dont_initialize();
-
-    bool anyPeer = false;
-    for (unsigned q = 0; q < Q; ++q) anyPeer = anyPeer || (lsw[q] && Q > 1);
-    if (anyPeer) {
-      SC_METHOD(WatchInterquad);
-      for (unsigned from = 0; from < Q; ++from)
-        for (unsigned to = 0; to < Q; ++to) {
-          if (from == to || !lsw[from]) continue;
-          if (lsw[to])
-            for (auto& signal : interquadFlits[from][to]) sensitive << *signal;
-          sensitive << *interquadCredits[from][to] << *earlyCredits[from][to];
-        }
-      dont_initialize();
+    SC_METHOD(Watch);
+    for (unsigned q = 0; q < Q; ++q) {
+      if (!real[q]) continue;
+      for (auto& signal : vaultFlits[q]) sensitive << *signal;
+      sensitive << *linkTokens[q] << *busy[q];
+      for (unsigned n = 0; n < Q; ++n) {
+        for (auto& signal : interquadFlits[q][n])
+          if (real[n]) sensitive << *signal;
+        if (n != q) sensitive << *interquadCredits[q][n] << *earlyCredits[q][n];
+      }
     }
+    dont_initialize();
   }
 
   void Build(unsigned q) {
@@ -218,7 +174,7 @@ struct Bench : sc_core::sc_module {
     s->returnTokensOut[q](*linkTokens[q]);
     for (unsigned n = 0; n < Q; ++n) {
       if (n == q) continue;
-      const unsigned r = Peer(q, n);
+      const unsigned r = n < q ? n : n - 1;  // the peer index of quad n
       for (unsigned k = 0; k < cfg.FLITS_PER_CYCLE_LSW; ++k) {
         s->interquadFlitsOut[r][k](*interquadFlits[q][n][k]);
         s->interquadFlitsIn[r][k](*interquadFlits[n][q][k]);
@@ -235,32 +191,47 @@ struct Bench : sc_core::sc_module {
     const uint32_t tag = links[link].nextTag++;
     const unsigned flits = command == zel::RD ? 1 : length / cfg.FLIT_SIZE + 1;
     for (unsigned i = 1; i <= flits; ++i) {
-      auto* flit = new Flit(tag, 0, command, length, i == 1, i == flits, i);
+      Flit* flit = Keep(new Flit(tag, 0, command, length, i == 1, i == flits, i));
       flit->destination = vault;
       flit->sourceLink = link;
       links[link].pending.push_back(flit);
-      // The harness owns no flit that it hands to the block: they stay
-      // reachable here for the program's life.
-      static auto* made = new std::vector<Flit*>;  // never destroyed
-      made->push_back(flit);
     }
-    sent[{link, tag}] = flits;
+    ++packets;
     totalFlits += flits;
     if (vault / V != link) remoteFlits += flits;
   }
 
+  // Each core edge: the link slaves send and the vault controllers return
+  // credits, as pulses half a cycle long.
   void Run() {
-    const sc_time cycle = cfg.CORE_CLK;
-    const sc_time half = zel::HalfCycle(cfg);
+    const sc_time cycle = cfg.CORE_CLK, half = zel::HalfCycle(cfg);
     wait(cycle);
     for (unsigned count = 1;; ++count) {
       std::vector<sc_signal<bool>*> raisedCommands;
       std::vector<sc_signal<int>*> raisedWrites;
-      for (unsigned q = 0; q < Q; ++q) {
-        if (!lsw[q]) continue;
-        DriveLink(q);
-        for (unsigned v = 0; v < V; ++v) ReturnCredits(q, v, raisedCommands, raisedWrites);
-      }
+      for (unsigned q = 0; q < Q; ++q)
+        for (unsigned v = 0; lsw[q] && v < V; ++v) {
+          if (v == 0) DriveLink(q);
+          if (sc_core::sc_time_stamp() < holdCreditsUntil) continue;
+          VaultSide& vault = vaults[q][v];
+          if (!vault.commandDue.empty() && vault.commandDue.front() <= sc_core::sc_time_stamp() &&
+              sc_core::sc_time_stamp() - vault.lastCommandReturn >= cycle * commandSpacing) {
+            vault.commandDue.pop_front();
+            --vault.commands;
+            vault.lastCommandReturn = sc_core::sc_time_stamp();
+            commandCredits[q][v]->write(true);
+            raisedCommands.push_back(commandCredits[q][v].get());
+          }
+          int amount = 0;
+          for (; amount < static_cast<int>(writesPerCycle) && !vault.writeDue.empty() &&
+                 vault.writeDue.front() <= sc_core::sc_time_stamp();
+               ++amount)
+            vault.writeDue.pop_front();
+          if (amount == 0) continue;
+          vault.writes -= amount;
+          writeCredits[q][v]->write(amount);
+          raisedWrites.push_back(writeCredits[q][v].get());
+        }
       if (onEdge) onEdge(count);
       wait(half);
       for (auto* signal : raisedCommands) signal->write(false);
@@ -272,7 +243,7 @@ struct Bench : sc_core::sc_module {
   }
 
   void RunScript() {
-    if (script) script();
+    if (script) script(*this);
   }
 
   // Sends like the link slave: new packets wait while busy, a packet in
@@ -286,170 +257,89 @@ struct Bench : sc_core::sc_module {
       link.pending.pop_front();
       --link.tokens;
       linkFlits[q][lane]->write(Flit_P(flit));
-      if (flit->header) link.midPacket = true;
-      if (flit->tail) link.midPacket = false;
+      link.midPacket = !flit->tail && (flit->header || link.midPacket);
       if (isBusy && flit->tail) break;
     }
   }
 
-  void ReturnCredits(unsigned q, unsigned v, std::vector<sc_signal<bool>*>& raisedCommands,
-                     std::vector<sc_signal<int>*>& raisedWrites) {
-    const sc_time now = sc_core::sc_time_stamp();
-    if (now < holdCreditsUntil) return;
-    VaultSide& vault = vaults[q][v];
-    if (!vault.commandDue.empty() && vault.commandDue.front() <= now &&
-        now - vault.lastCommandReturn >= cfg.CORE_CLK * commandSpacing) {
-      vault.commandDue.pop_front();
-      --vault.outstandingCommands;
-      vault.lastCommandReturn = now;
-      commandCredits[q][v]->write(true);
-      raisedCommands.push_back(commandCredits[q][v].get());
-    }
-    int amount = 0;
-    while (!vault.writeDue.empty() && vault.writeDue.front().first <= now &&
-           amount < static_cast<int>(writesPerCycle)) {
-      auto& due = vault.writeDue.front();
-      const int take = std::min(due.second, static_cast<int>(writesPerCycle) - amount);
-      amount += take;
-      due.second -= take;
-      if (due.second == 0) vault.writeDue.pop_front();
-    }
-    if (amount > 0) {
-      vault.outstandingWrites -= amount;
-      writeCredits[q][v]->write(amount);
-      raisedWrites.push_back(writeCredits[q][v].get());
-    }
-  }
-
-  void ReceiveAtVaults() {
+  // Takes flits at the vaults, checking that packets arrive whole and in
+  // order, and watches tokens, busy and the roads between quads: every
+  // crossing must go from the flit's own quad straight to its vault's.
+  void Watch() {
     const sc_time now = sc_core::sc_time_stamp();
     for (unsigned q = 0; q < Q; ++q) {
-      if (!lsw[q]) continue;
-      for (unsigned n = 0; n < vaultFlits[q].size(); ++n) {
+      for (unsigned n = 0; lsw[q] && n < vaultFlits[q].size(); ++n) {
         if (!vaultFlits[q][n]->event()) continue;
         const unsigned v = n / cfg.FLITS_IN_PER_CYCLE_VC;
         Flit* flit = vaultFlits[q][n]->read().flit;
         VaultSide& vault = vaults[q][v];
         EXPECT_EQ(flit->destination, V * q + v) << "flit at the wrong vault";
+        EXPECT_EQ(flit->header ? NONE : flit->tag, vault.tagInProgress)
+            << "packets interleaved at " << V * q + v;
         if (flit->header) {
-          EXPECT_EQ(vault.tagInProgress, NONE) << "packets interleaved at vault " << V * q + v;
           vault.tagInProgress = flit->tag;
           vault.nextFlitNumber = 1;
-          ++vault.outstandingCommands;
-          vault.maxOutstandingCommands = std::max(vault.maxOutstandingCommands, vault.outstandingCommands);
+          vault.maxCommands = std::max(vault.maxCommands, ++vault.commands);
           vault.commandDue.push_back(now + cfg.CORE_CLK * commandDelay);
-        } else {
-          EXPECT_EQ(flit->tag, vault.tagInProgress) << "packets interleaved at vault " << V * q + v;
         }
-        EXPECT_EQ(flit->flitNumber, vault.nextFlitNumber) << "flits out of order";
-        ++vault.nextFlitNumber;
-        if (const unsigned entries = WriteEntries(*flit)) {
-          vault.outstandingWrites += entries;
-          vault.maxOutstandingWrites = std::max(vault.maxOutstandingWrites, vault.outstandingWrites);
-          vault.writeDue.push_back({now + cfg.CORE_CLK * writeDelay, static_cast<int>(entries)});
+        EXPECT_EQ(flit->flitNumber, vault.nextFlitNumber++) << "flits out of order";
+        if (WriteEntries(*flit) != 0) {
+          vault.maxWrites = std::max(vault.maxWrites, ++vault.writes);
+          vault.writeDue.push_back(now + cfg.CORE_CLK * writeDelay);
         }
         if (flit->tail) {
           vault.tagInProgress = NONE;
           ++delivered[{flit->sourceLink, flit->tag}];
           vault.arrivals.push_back({now, flit->tag});
-          lastDelivery = now;
         }
         delete flit;
       }
-    }
-  }
-
-  void WatchLinks() {
-    const sc_time now = sc_core::sc_time_stamp();
-    for (unsigned q = 0; q < Q; ++q) {
       if (!lsw[q]) continue;
       if (linkTokens[q]->event() && linkTokens[q]->read() >= 1) {
         links[q].tokens += linkTokens[q]->read();
         links[q].tokenLog.push_back({now, linkTokens[q]->read()});
       }
       if (busy[q]->event()) links[q].busyLog.push_back({now, busy[q]->read()});
+      for (unsigned to = 0; to < Q; ++to) {
+        for (auto& signal : interquadFlits[q][to]) {
+          if (!signal->event()) continue;
+          ++crossings;
+          EXPECT_EQ(signal->read()->sourceLink, q) << "flit forwarded by a third quad";
+          EXPECT_EQ(signal->read()->destination / V, to) << "flit sent to the wrong quad";
+        }
+        if (to == q) continue;
+        if (interquadCredits[q][to]->event() && interquadCredits[q][to]->read() != 0)
+          peerCreditLog.emplace_back(now, q, to, interquadCredits[q][to]->read());
+        if (earlyCredits[q][to]->event()) earlyRefunds += earlyCredits[q][to]->read();
+      }
     }
   }
 
-  // Every crossing must go from the flit's own quad straight to its vault's.
-  void WatchInterquad() {
-    const sc_time now = sc_core::sc_time_stamp();
-    for (unsigned from = 0; from < Q; ++from)
-      for (unsigned to = 0; to < Q; ++to) {
-        if (from == to || !lsw[from]) continue;
-        for (auto& signal : interquadFlits[from][to]) {
-          if (!signal->event()) continue;
-          ++crossings;
-          EXPECT_EQ(signal->read()->sourceLink, from) << "flit forwarded by a third quad";
-          EXPECT_EQ(signal->read()->destination / V, to) << "flit sent to the wrong quad";
-        }
-        if (interquadCredits[from][to]->event() && interquadCredits[from][to]->read() != 0)
-          peerCreditLog.emplace_back(now, from, to, interquadCredits[from][to]->read());
-        if (earlyCredits[from][to]->event()) earlyRefunds += earlyCredits[from][to]->read();
-      }
-  }
-
-  // Every counter of every switch back at its start, and nothing held anywhere.
-  void ExpectAtRest() {
+  // Every packet arrived once, and every counter of every switch is back at
+  // its start with nothing held anywhere.
+  void ExpectDeliveredAndAtRest() {
+    EXPECT_EQ(delivered.size(), packets);
+    for (const auto& [key, count] : delivered)
+      EXPECT_EQ(count, 1u) << "packet " << key.second << " of link " << key.first;
     for (unsigned q = 0; q < Q; ++q) {
       if (!lsw[q]) continue;
       const auto& s = *lsw[q];
+      SCOPED_TRACE("lsw" + std::to_string(q));
+      EXPECT_TRUE(links[q].pending.empty());
       for (unsigned d = 0; d < V + Q - 1; ++d)
         EXPECT_EQ(s.destinationCredits[d], d < V ? cfg.TRANSACTION_Q_CAPACITY : cfg.LSW_INTERQUAD_BUFFER_SIZE)
-            << "lsw" << q << " destination " << d;
-      for (unsigned v = 0; v < V; ++v) EXPECT_EQ(s.writeCredits[v], cfg.DATA_Q_CAPACITY) << "lsw" << q;
-      for (unsigned n = 0; n < Q; ++n) {
-        EXPECT_EQ(s.returnCredits[n], 0u) << "lsw" << q << " source " << n;
-        EXPECT_TRUE(s.sourceBuffers[n].empty()) << "lsw" << q << " source " << n;
-        EXPECT_EQ(s.completePackets[n], 0u) << "lsw" << q << " source " << n;
-      }
+            << d;
+      for (unsigned v = 0; v < V; ++v) EXPECT_EQ(s.writeCredits[v], cfg.DATA_Q_CAPACITY);
+      for (unsigned n = 0; n < Q; ++n)
+        EXPECT_TRUE(s.returnCredits[n] == 0 && s.sourceBuffers[n].empty() && s.completePackets[n] == 0) << n;
       for (int32_t owner : s.destinationOwner) EXPECT_EQ(owner, -1);
-      EXPECT_TRUE(s.creditIncreaseQueue.empty());
-      EXPECT_TRUE(s.earlyCreditQueue.empty());
-      EXPECT_TRUE(s.tailIncreaseQueue.empty());
-      EXPECT_EQ(links[q].tokens, links[q].initialTokens) << "link " << q;
+      EXPECT_TRUE(s.creditIncreaseQueue.empty() && s.earlyCreditQueue.empty() && s.tailIncreaseQueue.empty());
+      EXPECT_EQ(links[q].tokens, links[q].initialTokens);
       EXPECT_FALSE(busy[q]->read());
-      for (unsigned v = 0; v < V; ++v) {
-        EXPECT_EQ(vaults[q][v].outstandingCommands, 0u);
-        EXPECT_EQ(vaults[q][v].outstandingWrites, 0u);
-      }
+      for (const VaultSide& vault : vaults[q]) EXPECT_TRUE(vault.commands == 0 && vault.writes == 0);
     }
-  }
-
-  void ExpectAllDelivered() {
-    EXPECT_EQ(delivered.size(), sent.size());
-    for (const auto& [key, count] : delivered) {
-      EXPECT_EQ(count, 1u) << "packet " << key.second << " of link " << key.first;
-      EXPECT_EQ(sent.count(key), 1u);
-    }
-    for (unsigned q = 0; q < Q; ++q) EXPECT_TRUE(links[q].pending.empty());
   }
 };
-
-std::string Printed(const Flit& flit) {
-  std::ostringstream out;
-  out << flit;
-  return out.str();
-}
-
-std::string CaptureStdout(const std::function<void()>& action) {
-  std::ostringstream captured;
-  std::streambuf* old = std::cout.rdbuf(captured.rdbuf());
-  action();
-  std::cout.rdbuf(old);
-  return captured.str();
-}
-
-Flit_P NewFlit(uint32_t tag, zel::ZELCommand command, unsigned length, unsigned destination,
-               bool header, bool tail, unsigned number = 1) {
-  auto* flit = new Flit(tag, 0, command, length, header, tail, number);
-  flit->destination = destination;
-  // The harness owns no flit that it hands to the block: they stay reachable
-  // here for the program's life, whether the block deletes them or not.
-  static auto* made = new std::vector<Flit*>;  // never destroyed
-  made->push_back(flit);
-  return Flit_P(flit);
-}
 
 // ---- Routing under load
 
@@ -457,8 +347,7 @@ Flit_P NewFlit(uint32_t tag, zel::ZELCommand command, unsigned length, unsigned 
 void RunMixedTraffic(unsigned packing) {
   zel::Config cfg = MakeConfig(4, 4);
   cfg.PACK_INTERQUAD = packing;
-  zel::StatsKeeper stats(cfg);
-  Bench bench("bench", cfg, stats, {true, true, true, true});
+  Bench bench("bench", cfg, {true, true, true, true});
   std::mt19937 random(7);
   const zel::ZELCommand commands[] = {zel::RD, zel::WR, zel::P_WR};
   for (unsigned i = 0; i < 200; ++i)
@@ -466,9 +355,8 @@ void RunMixedTraffic(unsigned packing) {
       bench.Send(link, commands[random() % 3], 16 * (1 + random() % 8), random() % 16);
   sc_core::sc_start(30, sc_core::SC_US);
 
-  ASSERT_EQ(bench.sent.size(), 800u);
-  bench.ExpectAllDelivered();
-  bench.ExpectAtRest();
+  ASSERT_EQ(bench.packets, 800u);
+  bench.ExpectDeliveredAndAtRest();
   EXPECT_EQ(bench.crossings, bench.remoteFlits);
   // Flits of one packet that arrive together share a line and are refunded
   // early, unless packing puts them into lines instead.
@@ -478,9 +366,9 @@ void RunMixedTraffic(unsigned packing) {
     EXPECT_GT(bench.earlyRefunds, 0u);
   uint64_t moved = 0;
   for (unsigned q = 0; q < 4; ++q) {
-    moved += stats.lswFlitsMoved[q];
+    moved += bench.stats.lswFlitsMoved[q];
     for (unsigned source = 0; source < 4; ++source)
-      EXPECT_GT(stats.lswBufferTime[q][source], 0u) << "quad " << q << " source " << source;
+      EXPECT_GT(bench.stats.lswBufferTime[q][source], 0u) << "quad " << q << " source " << source;
   }
   // A local flit is moved once, a remote one by both switches.
   EXPECT_EQ(moved, bench.totalFlits + bench.remoteFlits);
@@ -491,61 +379,46 @@ TEST(LinkSwitchRouting, EveryPacketReachesItsVaultWholeAcrossAtMostOneBoundary) 
 TEST(LinkSwitchRouting, PackingInterquadFlitsKeepsPacketsWholeAndCreditsBalanced) { RunMixedTraffic(1); }
 
 TEST(LinkSwitchRouting, AllLinksWritingToOneVaultDeliverContiguousPackets) {
-  zel::Config cfg = MakeConfig(4, 4);
-  zel::StatsKeeper stats(cfg);
-  Bench bench("bench", cfg, stats, {true, true, true, true});
+  Bench bench("bench", MakeConfig(4, 4), {true, true, true, true});
   for (unsigned i = 0; i < 40; ++i)
     for (unsigned link = 0; link < 4; ++link) bench.Send(link, i % 2 ? zel::WR : zel::P_WR, 128, 5);
   sc_core::sc_start(30, sc_core::SC_US);
-
-  bench.ExpectAllDelivered();
-  bench.ExpectAtRest();
+  bench.ExpectDeliveredAndAtRest();
   EXPECT_EQ(bench.vaults[1][1].arrivals.size(), 160u);
 }
 
 // One quad: no inter-quad ports at all. A host with few tokens keeps going
 // for as long as it has packets, since each line's token comes back.
 TEST(LinkSwitchRouting, TokensComeBackSoAHostWithFewTokensSendsIndefinitely) {
-  zel::Config cfg = MakeConfig(1, 4);
-  zel::StatsKeeper stats(cfg);
-  Bench bench("bench", cfg, stats, {true});
+  Bench bench("bench", MakeConfig(1, 4), {true});
   bench.links[0].tokens = bench.links[0].initialTokens = 6;
   std::mt19937 random(3);
   for (unsigned i = 0; i < 400; ++i) bench.Send(0, i % 3 ? zel::RD : zel::WR, 64, random() % 4);
   sc_core::sc_start(40, sc_core::SC_US);
-
   EXPECT_TRUE(bench.lsw[0]->interquadFlitsIn.size() == 0 && bench.lsw[0]->returnTokensOut.size() == 1);
-  bench.ExpectAllDelivered();
-  bench.ExpectAtRest();
+  bench.ExpectDeliveredAndAtRest();
 }
 
 // ---- Lines, tokens and lanes
 
 TEST(LinkSwitchLines, FlitsJoiningALineOfTheSameCycleGetTheirTokenAtOnce) {
-  zel::Config cfg = MakeConfig(2, 4);
-  zel::StatsKeeper stats(cfg);
-  Bench bench("bench", cfg, stats, {true, true});
+  Bench bench("bench", MakeConfig(2, 4), {true, true});
   // Cycle 1: two reads for vault 0 share a line, a read for quad 1 opens one.
   // Cycle 2: reads for vaults 4 and 5 of quad 1 share a line: quad alone matters.
-  bench.Send(0, zel::RD, 64, 0);
-  bench.Send(0, zel::RD, 64, 0);
-  bench.Send(0, zel::RD, 64, 4);
-  bench.Send(0, zel::RD, 64, 4);
-  bench.Send(0, zel::RD, 64, 5);
+  for (unsigned vault : {0, 0, 4, 4, 5}) bench.Send(0, zel::RD, 64, vault);
   bench.onEdge = [&](unsigned cycle) {
     if (cycle == 1) bench.links[0].perCycle = 2;  // next cycle sends the remaining two
   };
-  sc_core::sc_start(4100, SC_PS);  // cycles 1 and 2, and the sample after each
-  ASSERT_GE(bench.links[0].tokenLog.size(), 2u);
-  EXPECT_EQ(bench.links[0].tokenLog[0], std::make_pair(sc_time(1600, SC_PS), 1));
-  EXPECT_EQ(bench.links[0].tokenLog[1], std::make_pair(sc_time(3200, SC_PS), 1));
-  ASSERT_EQ(bench.links[0].lineLog.size(), 2u);
-  EXPECT_EQ(bench.links[0].lineLog[0], 2u);
-  EXPECT_EQ(bench.links[0].lineLog[1], 3u);
+  sc_core::sc_start(4100, sc_core::SC_PS);  // cycles 1 and 2, and the sample after each
+  const auto& log = bench.links[0].tokenLog;
+  ASSERT_GE(log.size(), 2u);
+  const std::vector<std::pair<sc_time, int>> tokens = {{zelsim_test::Ps(1600), 1},
+                                                       {zelsim_test::Ps(3200), 1}};
+  EXPECT_EQ((std::vector<std::pair<sc_time, int>>(log.begin(), log.begin() + 2)), tokens);
+  EXPECT_EQ(bench.links[0].lineLog, (std::vector<size_t>{2, 3}));
   EXPECT_EQ(bench.lsw[0]->sourceBuffers[0][2].size(), 2u);
   sc_core::sc_start(10, sc_core::SC_US);
-  bench.ExpectAllDelivered();
-  bench.ExpectAtRest();
+  bench.ExpectDeliveredAndAtRest();
 }
 
 // With every vault throttled for 10 cycles, the lines of cycles 1 and 2 are
@@ -555,25 +428,19 @@ TEST(LinkSwitchLines, OneLaneOfASourceCarriesOneFlitPerActivation) {
   zel::Config cfg = MakeConfig(1, 4);
   cfg.CREDIT_THROTTLE_VC = 100;
   cfg.THROTTLE_STALL_TIME = 10;
-  zel::StatsKeeper stats(cfg);
-  Bench bench("bench", cfg, stats, {true});
+  Bench bench("bench", cfg, {true});
   bench.links[0].perCycle = 2;
-  bench.Send(0, zel::RD, 64, 0);
-  bench.Send(0, zel::RD, 64, 1);
-  bench.Send(0, zel::RD, 64, 2);
+  for (unsigned vault : {0, 1, 2}) bench.Send(0, zel::RD, 64, vault);
   sc_core::sc_start(5, sc_core::SC_US);
-
-  const sc_time cycle = cfg.CORE_CLK;
-  ASSERT_EQ(bench.vaults[0][0].arrivals.size(), 1u);
-  ASSERT_EQ(bench.vaults[0][1].arrivals.size(), 1u);
-  ASSERT_EQ(bench.vaults[0][2].arrivals.size(), 1u);
   // The first activation, at cycle 2, closes all vaults until cycle 12. Each
   // activation moves the first local vault on by one, so at cycle 12 the scan
   // starts at vault 2, whose flit takes lane 0 before vault 0's can.
-  EXPECT_EQ(bench.vaults[0][2].arrivals[0].first, cycle * 12);
-  EXPECT_EQ(bench.vaults[0][1].arrivals[0].first, cycle * 12);
-  EXPECT_EQ(bench.vaults[0][0].arrivals[0].first, cycle * 23);
-  bench.ExpectAtRest();
+  const auto& v = bench.vaults[0];
+  const sc_time cycle = cfg.CORE_CLK;
+  EXPECT_EQ(v[0].arrivals, (std::vector<std::pair<sc_time, uint32_t>>{{cycle * 23, 1}}));
+  EXPECT_EQ(v[1].arrivals, (std::vector<std::pair<sc_time, uint32_t>>{{cycle * 12, 2}}));
+  EXPECT_EQ(v[2].arrivals, (std::vector<std::pair<sc_time, uint32_t>>{{cycle * 12, 3}}));
+  bench.ExpectDeliveredAndAtRest();
 }
 
 TEST(LinkSwitchLines, BusyRisesPastTheThresholdAndFallsBackAtIt) {
@@ -581,15 +448,13 @@ TEST(LinkSwitchLines, BusyRisesPastTheThresholdAndFallsBackAtIt) {
   cfg.LSW_INPUT_BUFFER_THRESHOLD = 6;
   cfg.TRANSACTION_Q_CAPACITY = 1;  // one read passes, the rest wait for its credit
   cfg.CREDIT_THROTTLE_VC = 0;
-  zel::StatsKeeper stats(cfg);
-  Bench bench("bench", cfg, stats, {true});
+  Bench bench("bench", cfg, {true});
   bench.links[0].perCycle = 1;
   bench.holdCreditsUntil = cfg.CORE_CLK * 40;
   for (unsigned i = 0; i < 12; ++i) bench.Send(0, zel::RD, 64, 0);
   sc_core::sc_start(5, sc_core::SC_US);
 
-  bench.ExpectAllDelivered();
-  bench.ExpectAtRest();
+  bench.ExpectDeliveredAndAtRest();
   const auto& log = bench.links[0].busyLog;
   const auto& lines = bench.links[0].lineLog;  // lines[i]: the count after edge i + 1
   ASSERT_EQ(log.size(), 2u);
@@ -599,10 +464,11 @@ TEST(LinkSwitchLines, BusyRisesPastTheThresholdAndFallsBackAtIt) {
   const unsigned rise = static_cast<unsigned>(log[0].first / cfg.CORE_CLK);
   const unsigned fall = static_cast<unsigned>(log[1].first / cfg.CORE_CLK);
   EXPECT_EQ(rise, 8 + delay);  // a line a cycle, one gone at cycle 5
-  EXPECT_EQ(lines[rise - delay - 1], 7u);  // became threshold + 1 at this edge
-  EXPECT_EQ(lines[rise - delay - 2], 6u);
-  EXPECT_EQ(lines[fall - delay - 1], 6u);  // fell back to the threshold at this edge
-  EXPECT_EQ(lines[fall - delay - 2], 7u);
+  // Threshold + 1 at the edge that raised it, back to the threshold at the one that lowered it.
+  EXPECT_EQ(std::make_pair(lines[rise - delay - 2], lines[rise - delay - 1]),
+            std::make_pair(size_t{6}, size_t{7}));
+  EXPECT_EQ(std::make_pair(lines[fall - delay - 2], lines[fall - delay - 1]),
+            std::make_pair(size_t{7}, size_t{6}));
   EXPECT_EQ(*std::max_element(lines.begin(), lines.end()), 11u);
 }
 
@@ -611,9 +477,7 @@ TEST(LinkSwitchLines, BusyRisesPastTheThresholdAndFallsBackAtIt) {
 // Vault 0 gets reads and a command credit every 20 cycles; vault 1 gets
 // 128-byte writes and one write credit a cycle.
 TEST(LinkSwitchCredits, AVaultControllerPacesRequestsByItsCredits) {
-  zel::Config cfg = MakeConfig(1, 2);
-  zel::StatsKeeper stats(cfg);
-  Bench bench("bench", cfg, stats, {true});
+  Bench bench("bench", MakeConfig(1, 2), {true});
   bench.commandSpacing = 20;
   bench.writesPerCycle = 1;
   for (unsigned i = 0; i < 60; ++i) {
@@ -624,30 +488,28 @@ TEST(LinkSwitchCredits, AVaultControllerPacesRequestsByItsCredits) {
   }
   sc_core::sc_start(30, sc_core::SC_US);
 
-  bench.ExpectAllDelivered();
-  bench.ExpectAtRest();
+  bench.ExpectDeliveredAndAtRest();
   const auto& reads = bench.vaults[0][0];
   const auto& writes = bench.vaults[0][1];
-  EXPECT_EQ(reads.maxOutstandingCommands, cfg.TRANSACTION_Q_CAPACITY);
+  const sc_time cycle = bench.cfg.CORE_CLK;
+  EXPECT_EQ(reads.maxCommands, bench.cfg.TRANSACTION_Q_CAPACITY);
   // Read 40 needs the 16th returned credit, which comes 15 spacings after the first.
-  EXPECT_GE(reads.arrivals.back().first, cfg.CORE_CLK * (20 * 15));
-  EXPECT_LE(writes.maxOutstandingWrites, cfg.DATA_Q_CAPACITY);
+  EXPECT_GE(reads.arrivals.back().first, cycle * (20 * 15));
+  EXPECT_LE(writes.maxWrites, bench.cfg.DATA_Q_CAPACITY);
   // 160 write entries through a queue of 53 refilled one a cycle.
-  EXPECT_GE(writes.arrivals.back().first, cfg.CORE_CLK * (160 - 53));
+  EXPECT_GE(writes.arrivals.back().first, cycle * (160 - 53));
 }
 
 TEST(LinkSwitchCredits, OwedTokensGoOutInSlicesAndPeersGetOneCreditPerPulse) {
-  zel::Config cfg = MakeConfig(2, 4);
-  zel::StatsKeeper stats(cfg);
-  Bench bench("bench", cfg, stats, {true, false});
+  Bench bench("bench", MakeConfig(2, 4), {true, false});
   bench.onEdge = [&](unsigned cycle) {
     if (cycle != 2) return;
     bench.lsw[0]->returnCredits[0] = 5;
     bench.lsw[0]->returnCredits[1] = 3;
     bench.lsw[0]->returnTokensEvent.notify();
   };
-  sc_core::sc_start(10, SC_NS);
-  const sc_time cycle = cfg.CORE_CLK;
+  sc_core::sc_start(10, sc_core::SC_NS);
+  const sc_time cycle = bench.cfg.CORE_CLK;
   const std::vector<std::pair<sc_time, int>> tokens = {{cycle * 2, 3}, {cycle * 3, 2}};
   EXPECT_EQ(bench.links[0].tokenLog, tokens);
   ASSERT_EQ(bench.peerCreditLog.size(), 3u);
@@ -659,33 +521,12 @@ TEST(LinkSwitchCredits, OwedTokensGoOutInSlicesAndPeersGetOneCreditPerPulse) {
 
 // ---- Diagnostics
 
-TEST(LinkSwitchDiagnostics, DumpStateListsCreditsAndLines) {
-  zel::Config cfg = MakeConfig(2, 2);
-  zel::StatsKeeper stats(cfg);
-  Bench bench("bench", cfg, stats, {true, false});
-  bench.Send(0, zel::RD, 64, 1);
-  Flit* flit = bench.links[0].pending.front();
-  std::string dump, expected;
-  bench.onEdge = [&](unsigned cycle) {
-    if (cycle != 2) return;
-    dump = CaptureStdout([&] { bench.lsw[0]->DumpState(); });
-    expected = "== LSW0\n\t Destination Credits [[24,53], [24,53], 15, ]\n  Return Credits [0, 0, ]"
-               "\t SourceBuffer 0 - 1 entries\n   == Line 0\n\t\t   " +
-               Printed(*flit) + "\n\t SourceBuffer 1 - 0 entries\n";
-  };
-  sc_core::sc_start(5, SC_NS);
-  EXPECT_EQ(dump, expected);
-  EXPECT_NE(expected.find("l[0,0]"), std::string::npos);  // the lane the switch gave it
-}
-
 // Link 1 reads 64 bytes of vault 9, crossing from quad 1 to quad 2 at 1.6 us.
 TEST(LinkSwitchDiagnostics, InterquadTraceLineHasItsFourteenColumns) {
-  zel::Config cfg = MakeConfig(5, 4);
-  zel::StatsKeeper stats(cfg);
-  Bench bench("bench", cfg, stats, {false, true, false, false, true});
-  sc_core::sc_start(1600, SC_NS);
-  const std::string path = ::testing::TempDir() + "lsw_interquad.tsv";
-  zel::tsvFile.open(path);
+  Bench bench("bench", MakeConfig(5, 4), {false, true, false, false, true});
+  sc_core::sc_start(1600, sc_core::SC_NS);
+  zelsim_test::TempDir dir;
+  zel::tsvFile.open(dir.path + "/interquad.tsv");
   Flit_P read = NewFlit(0x1a, zel::RD, 64, 9, true, true);
   read->sourceLink = 1;
   bench.lsw[1]->PrintInterquad(read, 2);
@@ -695,151 +536,120 @@ TEST(LinkSwitchDiagnostics, InterquadTraceLineHasItsFourteenColumns) {
   bench.lsw[1]->PrintInterquad(write, 3);
   bench.lsw[4]->PrintInterquad(read, 1);  // no axes beyond quad 3: nothing
   zel::tsvFile.close();
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  EXPECT_EQ(text.str(),
+  EXPECT_EQ(zelsim_test::ReadFile(dir.path + "/interquad.tsv"),
             "1600\tSWITCHZ1_req\t1\t0\t9\tXXX\t0xDONTCARE\t0x1a\t1\tRD64\t0\t0\t0\t0\n"
             "1600\tSWITCHX1_req\t1\t0\t0\tXXX\t0xDONTCARE\t0x5\t2\tWR32\t0\t0\t0\t0\n");
-  std::remove(path.c_str());
 }
 
 // ---- Failures
 
-// A bench with the switch of quad `id` only; the script drives the rest.
-#define RUN_BENCH(quads, id, setup, body)                                   \
-  do {                                                                      \
-    zel::Config cfg = MakeConfig(quads, 4);                                 \
-    setup;                                                                  \
-    zel::StatsKeeper stats(cfg);                                            \
-    std::vector<bool> real(quads, false);                                   \
-    real[id] = true;                                                        \
-    Bench bench("bench", cfg, stats, real);                                 \
-    const sc_time cycle = cfg.CORE_CLK;                                     \
-    (void)cycle;                                                            \
-    bench.script = [&] { body; };                                           \
-    sc_core::sc_start(1, sc_core::SC_US);                                   \
-  } while (0)
+// A bench of `quads` quads of four vaults where quad `id` alone has a switch
+// runs `body` from `start` core cycles on; the model must end it, writing
+// `message` and then failing `assertion` if there is one.
+struct FailureCase {
+  const char* name;
+  unsigned quads, id;
+  std::function<void(Bench&)> body;
+  std::string message, assertion;
+  bool exitsCleanly = false;  // the model ends with status 0 rather than by a signal
+  std::function<void(zel::Config&)> configure = nullptr;
+  double start = 1;
+};
 
-TEST(LinkSwitchFailures, TwoDeliveriesFromTheLinkInOneTimeStep) {
-  // The first delivery at time zero meets a last delivery time of zero.
-  EXPECT_MODEL_EXIT(RUN_BENCH(1, 0, , bench.linkFlits[0][0]->write(NewFlit(1, zel::RD, 64, 0, true, true))),
-                    "=[0 s]= ERROR - LS sent to DIS twice on one cycle!!!!\n");
+void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
+
+void RunCase(const FailureCase& c) {
+  zel::Config cfg = MakeConfig(c.quads, 4);
+  if (c.configure) c.configure(cfg);
+  std::vector<bool> real(c.quads, false);
+  real[c.id] = true;
+  Bench bench("bench", cfg, real);
+  bench.script = [&c](Bench& b) {
+    if (c.start > 0) sc_core::wait(b.cfg.CORE_CLK * c.start);
+    c.body(b);
+  };
+  sc_core::sc_start(1, sc_core::SC_US);
 }
 
-TEST(LinkSwitchFailures, NonContiguousTagFromTheLink) {
-  Flit_P second = NewFlit(2, zel::WR, 16, 1, true, false);
-  second->sourceLink = 0;
-  second->lane = 0;
-  EXPECT_MODEL_EXIT(RUN_BENCH(1, 0, , {
-                      sc_core::wait(cycle);
-                      bench.linkFlits[0][0]->write(NewFlit(1, zel::WR, 16, 1, true, false));
-                      sc_core::wait(cycle);
-                      bench.linkFlits[0][0]->write(second);
-                    }),
-                    "== ERROR - Non-contiguous tag received from LS in LSW0 (tag=1)\n" + Printed(*second) + "\n");
+std::vector<FailureCase> FailureCases() {
+  // A write header of another tag than the packet in progress, from the link and from quad 1.
+  Flit_P fromLink = NewFlit(2, zel::WR, 16, 1, true, false),
+         fromPeer = NewFlit(2, zel::WR, 16, 1, true, false);
+  fromLink->sourceLink = 0;
+  fromLink->lane = 0;
+  fromPeer->lane = 1;
+  auto rd = [](uint32_t tag, unsigned vault) { return NewFlit(tag, zel::RD, 64, vault, true, true); };
+  return {
+      // The first delivery, at time zero, meets a last delivery time of zero.
+      {"TwoDeliveriesFromTheLinkInOneTimeStep", 1, 0, [=](Bench& b) { b.linkFlits[0][0]->write(rd(1, 0)); },
+       "=[0 s]= ERROR - LS sent to DIS twice on one cycle!!!!\n", "", true, nullptr, 0},
+      {"NonContiguousTagFromTheLink", 1, 0,
+       [=](Bench& b) {
+         b.linkFlits[0][0]->write(NewFlit(1, zel::WR, 16, 1, true, false));
+         sc_core::wait(b.cfg.CORE_CLK);
+         b.linkFlits[0][0]->write(fromLink);
+       },
+       "== ERROR - Non-contiguous tag received from LS in LSW0 (tag=1)\n" + Printed(*fromLink) + "\n", "",
+       true},
+      {"LinkInputBufferAboveItsCapacity", 1, 0,
+       [=](Bench& b) {
+         for (unsigned k = 0; k < 3; ++k) b.linkFlits[0][k]->write(rd(k, k));
+       },
+       "=[1600 ps]= ERROR - Link Switch 0 input buffer exceeded max capacity (3)\n", "false", false,
+       [](zel::Config& c) { c.LSW_INPUT_BUFFER_SIZE = 2; }},
+      {"NonContiguousTagFromAnotherQuad", 2, 0,
+       [=](Bench& b) {
+         b.interquadFlits[1][0][0]->write(NewFlit(1, zel::WR, 16, 1, true, false));
+         sc_core::wait(b.cfg.CORE_CLK);
+         b.interquadFlits[1][0][1]->write(fromPeer);
+       },
+       "== ERROR - Non-contiguous tag received from interquad in LSW0\n" + Printed(*fromPeer) + "\n", "",
+       true},
+      {"InterquadBufferAboveItsCapacity", 2, 1,
+       [=](Bench& b) {
+         b.interquadFlits[0][1][0]->write(rd(1, 4));
+         b.interquadFlits[0][1][1]->write(rd(2, 5));
+       },
+       "=[1600 ps]= ERROR - Link Switch 1 interquad buffer 0 exceeded max capacity\n", "false", false,
+       [](zel::Config& c) { c.LSW_INTERQUAD_BUFFER_SIZE = 1; }},
+      // A delivery half a cycle off the edge wakes the arbiter off the edge too.
+      {"ArbitrationOffTheCoreClock", 1, 0, [=](Bench& b) { b.linkFlits[0][0]->write(rd(1, 0)); },
+       "ERROR: off timing in LSW0 @ 2400 ps\n", "0", false, nullptr, 0.5},
+      {"TailIncreaseWithNoTailQueued", 1, 0,
+       [](Bench& b) { b.lsw[0]->tailIncreaseQueue.queue.notify(b.cfg.CORE_CLK); }, "",
+       "tailIncreaseQueue.size()"},
+      {"MoreCommandCreditsThanTheTransactionQueueHolds", 2, 1,
+       [](Bench& b) { b.commandCredits[1][2]->write(true); },
+       "=[1600 ps]= ERROR - LSW1 Received too many credits from VC6 [Now have : 25]\n", "false"},
+      {"MoreWriteCreditsThanTheDataQueueHolds", 2, 1, [](Bench& b) { b.writeCredits[1][2]->write(1); },
+       "=[1600 ps]= ERROR - LSW1 Received too many write credits from VC6\n", "false"},
+      {"MoreInterquadCreditsThanTheBufferHoldsOnTheDelayedRoad", 2, 1,
+       [](Bench& b) { b.interquadCredits[0][1]->write(1); }, "",
+       "destinationCredits[cfg.VAULTS_PER_QUAD+q]<=cfg.LSW_INTERQUAD_BUFFER_SIZE"},
+      {"MoreInterquadCreditsThanTheBufferHoldsOnTheEarlyRoad", 2, 1,
+       [](Bench& b) { b.earlyCredits[0][1]->write(1); }, "",
+       "destinationCredits[cfg.VAULTS_PER_QUAD+i]<=cfg.LSW_INTERQUAD_BUFFER_SIZE"},
+      {"TraceOfACommandWithoutShortText", 4, 1,
+       [](Bench& b) { b.lsw[1]->PrintInterquad(NewFlit(1, zel::WR_RSP, 0, 9, true, true), 2); },
+       "WTF TSV FILE\n", "", true},
+      {"TraceToItsOwnQuad", 4, 2, [=](Bench& b) { b.lsw[2]->PrintInterquad(rd(1, 9), 2); },
+       "ERROR with interquad tsv printing\n", "", true},
+  };
 }
 
-TEST(LinkSwitchFailures, LinkInputBufferAboveItsCapacity) {
-  EXPECT_MODEL_DEATH(RUN_BENCH(1, 0, cfg.LSW_INPUT_BUFFER_SIZE = 2, {
-                       sc_core::wait(cycle);
-                       for (unsigned k = 0; k < 3; ++k)
-                         bench.linkFlits[0][k]->write(NewFlit(k, zel::RD, 64, k, true, true));
-                     }),
-                     "=[1600 ps]= ERROR - Link Switch 0 input buffer exceeded max capacity (3)\n",
-                     "Assertion `false' failed");
+class LinkSwitchFailure : public ::testing::TestWithParam<FailureCase> {};
+
+TEST_P(LinkSwitchFailure, EndsTheRunWithItsMessage) {
+  const FailureCase& c = GetParam();
+  std::string pattern = zelsim_test::Literal(c.message);
+  if (!c.assertion.empty()) pattern += ".*" + zelsim_test::Literal("Assertion `" + c.assertion + "' failed");
+  if (c.exitsCleanly)
+    EXPECT_EXIT((dup2(2, 1), RunCase(c)), ::testing::ExitedWithCode(0), pattern);
+  else
+    EXPECT_DEATH((dup2(2, 1), RunCase(c)), pattern);
 }
 
-TEST(LinkSwitchFailures, NonContiguousTagFromAnotherQuad) {
-  Flit_P second = NewFlit(2, zel::WR, 16, 1, true, false);
-  second->lane = 1;
-  EXPECT_MODEL_EXIT(RUN_BENCH(2, 0, , {
-                      sc_core::wait(cycle);
-                      bench.interquadFlits[1][0][0]->write(NewFlit(1, zel::WR, 16, 1, true, false));
-                      sc_core::wait(cycle);
-                      bench.interquadFlits[1][0][1]->write(second);
-                    }),
-                    "== ERROR - Non-contiguous tag received from interquad in LSW0\n" + Printed(*second) + "\n");
-}
-
-TEST(LinkSwitchFailures, InterquadBufferAboveItsCapacity) {
-  EXPECT_MODEL_DEATH(RUN_BENCH(2, 1, cfg.LSW_INTERQUAD_BUFFER_SIZE = 1, {
-                       sc_core::wait(cycle);
-                       bench.interquadFlits[0][1][0]->write(NewFlit(1, zel::RD, 64, 4, true, true));
-                       bench.interquadFlits[0][1][1]->write(NewFlit(2, zel::RD, 64, 5, true, true));
-                     }),
-                     "=[1600 ps]= ERROR - Link Switch 1 interquad buffer 0 exceeded max capacity\n",
-                     "Assertion `false' failed");
-}
-
-TEST(LinkSwitchFailures, ArbitrationOffTheCoreClock) {
-  // A delivery half a cycle off the edge wakes the arbiter off the edge too.
-  EXPECT_MODEL_DEATH(RUN_BENCH(1, 0, , {
-                       sc_core::wait(cycle / 2);
-                       bench.linkFlits[0][0]->write(NewFlit(1, zel::RD, 64, 0, true, true));
-                     }),
-                     "ERROR: off timing in LSW0 @ 2400 ps\n", "Assertion `0' failed");
-}
-
-TEST(LinkSwitchFailures, TailIncreaseWithNoTailQueued) {
-  EXPECT_MODEL_DEATH(RUN_BENCH(1, 0, , bench.lsw[0]->tailIncreaseQueue.queue.notify(cycle)),
-                     "Assertion `tailIncreaseQueue.size()' failed");
-}
-
-TEST(LinkSwitchFailures, MoreCommandCreditsThanTheTransactionQueueHolds) {
-  EXPECT_MODEL_DEATH(RUN_BENCH(2, 1, , {
-                       sc_core::wait(cycle);
-                       bench.commandCredits[1][2]->write(true);
-                     }),
-                     "=[1600 ps]= ERROR - LSW1 Received too many credits from VC6 [Now have : 25]\n",
-                     "Assertion `false' failed");
-}
-
-TEST(LinkSwitchFailures, MoreWriteCreditsThanTheDataQueueHolds) {
-  EXPECT_MODEL_DEATH(RUN_BENCH(2, 1, , {
-                       sc_core::wait(cycle);
-                       bench.writeCredits[1][2]->write(1);
-                     }),
-                     "=[1600 ps]= ERROR - LSW1 Received too many write credits from VC6\n",
-                     "Assertion `false' failed");
-}
-
-TEST(LinkSwitchFailures, MoreInterquadCreditsThanTheBufferHoldsOnTheDelayedRoad) {
-  EXPECT_MODEL_DEATH(RUN_BENCH(2, 1, , {
-                       sc_core::wait(cycle);
-                       bench.interquadCredits[0][1]->write(1);
-                     }),
-                     "Assertion `destinationCredits[cfg.VAULTS_PER_QUAD+q]<=cfg.LSW_INTERQUAD_BUFFER_SIZE' failed");
-}
-
-TEST(LinkSwitchFailures, MoreInterquadCreditsThanTheBufferHoldsOnTheEarlyRoad) {
-  EXPECT_MODEL_DEATH(RUN_BENCH(2, 1, , {
-                       sc_core::wait(cycle);
-                       bench.earlyCredits[0][1]->write(1);
-                     }),
-                     "Assertion `destinationCredits[cfg.VAULTS_PER_QUAD+i]<=cfg.LSW_INTERQUAD_BUFFER_SIZE' failed");
-}
-
-TEST(LinkSwitchFailures, TraceOfACommandWithoutShortText) {
-  EXPECT_MODEL_EXIT(
-      {
-        zel::Config cfg = MakeConfig(4, 4);
-        zel::StatsKeeper stats(cfg);
-        zel::zel2_link_switch lsw("lsw1", cfg, stats, 1);
-        lsw.PrintInterquad(NewFlit(1, zel::WR_RSP, 0, 9, true, true), 2);
-      },
-      "WTF TSV FILE\n");
-}
-
-TEST(LinkSwitchFailures, TraceToItsOwnQuad) {
-  EXPECT_MODEL_EXIT(
-      {
-        zel::Config cfg = MakeConfig(4, 4);
-        zel::StatsKeeper stats(cfg);
-        zel::zel2_link_switch lsw("lsw2", cfg, stats, 2);
-        lsw.PrintInterquad(NewFlit(1, zel::RD, 64, 9, true, true), 2);
-      },
-      "ERROR with interquad tsv printing\n");
-}
+INSTANTIATE_TEST_SUITE_P(Cases, LinkSwitchFailure, ::testing::ValuesIn(FailureCases()),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
