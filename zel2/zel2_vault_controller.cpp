@@ -399,11 +399,7 @@ sc_time zel2_vault_controller::IssueWait(unsigned index, const sc_time& now, boo
 
   // Column commands get priority over row commands: a row command waits while
   // a later column command could go now. (The two never share a slot.)
-  // Row commands are only asked this on a clock edge, where no column command
-  // can go (READ and WRITE wait tCMD there), so on an edge the answer is
-  // always no and the scan of the queue behind is skipped.
   auto columnCommandReady = [&]() {
-    if (onEdge) return false;
     bool ready = false;
     for (unsigned j = index + 1; j < requestQueue.size(); j++) {
       if (requestQueue[j].command != READ && requestQueue[j].command != WRITE) continue;
