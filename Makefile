@@ -58,6 +58,37 @@ soak: build
 	$(BUILD_DIR)/apps/soak/zelsim-soak --quiet --jobs $(JOBS) --pairwise --seeds 10 --time 5000 \
 	  --determinism 20 --allow-known $(SOAK_ARGS)
 
+# Fuzzes the configuration file reader and zelsim's trace reader with clang's
+# libFuzzer under AddressSanitizer and UndefinedBehaviorSanitizer, one after
+# the other, each for FUZZ_SECONDS (fuzz/README.md). Installs clang when it is
+# missing. Each run starts from the seeds of fuzz/corpus, copied into
+# $(FUZZ_DIR)/corpus, where the corpus grows from run to run. A crash, a hang
+# (over 10 s for one input) or a failed check of a harness fails the target
+# and leaves the input in $(FUZZ_DIR)/findings; prints the final stats lines.
+FUZZ_DIR ?= build-fuzz
+FUZZ_SECONDS ?= 120
+FUZZ_PACKAGES := clang libclang-rt-dev
+.PHONY: fuzz
+fuzz:
+	@$(MAKE) --no-print-directory deps PACKAGES="$(PACKAGES) $(FUZZ_PACKAGES)"
+	CC=clang CXX=clang++ cmake -S fuzz -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(FUZZ_DIR) -j $(JOBS)
+	@for kind in ini trace; do \
+	  rm -rf $(FUZZ_DIR)/findings/$$kind; \
+	  mkdir -p $(FUZZ_DIR)/corpus/$$kind $(FUZZ_DIR)/findings/$$kind || exit 1; \
+	  cp fuzz/corpus/$$kind/* $(FUZZ_DIR)/corpus/$$kind/ || exit 1; \
+	  log=$(FUZZ_DIR)/fuzz_$$kind.log; \
+	  echo "fuzz_$$kind: $(FUZZ_SECONDS) s, log in $$log"; \
+	  $(FUZZ_DIR)/fuzz_$$kind -max_total_time=$(FUZZ_SECONDS) -timeout=10 -print_final_stats=1 \
+	    -dict=fuzz/$$kind.dict -artifact_prefix=$(FUZZ_DIR)/findings/$$kind/ \
+	    $(FUZZ_DIR)/corpus/$$kind >$$log 2>&1; status=$$?; \
+	  grep -E '^#[0-9]+[[:space:]]+DONE|^Done [0-9]+ runs' $$log; \
+	  if [ $$status -ne 0 ] || [ -n "$$(ls -A $(FUZZ_DIR)/findings/$$kind)" ]; then \
+	    tail -n 40 $$log; \
+	    echo "fuzz_$$kind: failed (status $$status); inputs in $(FUZZ_DIR)/findings/$$kind"; exit 1; \
+	  fi; \
+	done
+
 # Times zelsim on the standard workloads (200 us simulated each) and the
 # kernel floor; prints the table and writes bench/results.json. Pass more
 # options through BENCH_ARGS, e.g. BENCH_ARGS="--repeat 3 --only read64".

@@ -249,6 +249,7 @@ TEST(ZelsimCommandLine, BadInputStopsWithStatus2AndOneLine) {
       {{"--set", "NO_SUCH_KEY=1"}, {"--set NO_SUCH_KEY=1", "unknown key 'NO_SUCH_KEY'"}},
       {{"--set", "NUM_REQUESTS=12a"}, {"NUM_REQUESTS", "'12a'"}},
       {{"--set", "NUM_REQUESTS"}, {"KEY=VALUE"}},
+      {{"--set", "CORE_CLK=1e30"}, {"CORE_CLK", "up to 10^12"}},
       {{"--config", dir.path + "/none.ini"}, {"can't read configuration file '" + dir.path + "/none.ini'"}},
       {{"--config", badFile}, {"bad.ini", "line 2", "NUM_REQUESTS", "'lots'"}},
       {{"--config", dir.Write("k1.ini", "NUM_QUADS = 4\nNUM_QUAD = 4\n")},

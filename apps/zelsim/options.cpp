@@ -145,8 +145,10 @@ bool CheckValue(const KeyInfo& key, const std::string& text, std::string& canoni
     }
     case KeyType::Time: {
       float value = 0;
-      if (!ParseFloat(text, value) || value < 0) {
-        error = prefix + "expected a number of nanoseconds, without a unit";
+      // Up to 1000 s: far beyond any DRAM timing or clock, and well inside
+      // what the kernel's picosecond times hold (larger values wrap).
+      if (!ParseFloat(text, value) || value < 0 || value > 1e12f) {
+        error = prefix + "expected a number of nanoseconds up to 10^12, without a unit";
         return false;
       }
       canonical = FloatText(value);
