@@ -611,20 +611,8 @@ void zel2_vault_controller::UpdateForRead(unsigned index, const DRAMBusPacket& p
       }
   } else {
     // r keeps other transactions' column commands out of the rest of this burst.
-    const sc_time r = cfg.tCCD * k;
-    for (unsigned p = 0; p < partitions; p++)
-      for (zel2_bank* bank : bankStates[p]) {
-        if (p != packet.partition) {
-          bank->nextRead = std::max(bank->nextRead, now + cfg.tCCD + cfg.tRTR2D + r);
-          bank->nextWrite = std::max(bank->nextWrite, now + cfg.RD_TO_WR_DIFF + r);
-        } else {
-          if (bank->nextRead > now + cfg.tCCD && bank->nextRead < now + cfg.tCCDRP)
-            bank->nextRead = now + cfg.tCCDRP;
-          else
-            bank->nextRead = std::max(bank->nextRead, now + cfg.tCCD + r);
-          bank->nextWrite = std::max(bank->nextWrite, now + cfg.RD_TO_WR_SAME + r);
-        }
-      }
+    SpaceColumnCommands(packet.partition, &zel2_bank::nextRead, &zel2_bank::nextWrite,
+                        {cfg.tCCD + cfg.tRTR2D, cfg.tCCDRP, cfg.RD_TO_WR_DIFF, cfg.RD_TO_WR_SAME}, cfg.tCCD * k);
   }
 
   zel2_bank* bank = bankStates[packet.partition][packet.bank];
@@ -659,6 +647,28 @@ void zel2_vault_controller::WriteTransactionDone(uint32_t tag) {
   sendResponseQueue.notify(delay);
 }
 
+void zel2_vault_controller::SpaceColumnCommands(unsigned partition, sc_time zel2_bank::*same,
+                                                sc_time zel2_bank::*other, const ColumnGaps& gaps,
+                                                const sc_time& r) {
+  const sc_time now = sc_time_stamp();
+  const unsigned partitions = UsedPartitions();
+  for (unsigned p = 0; p < partitions; p++)
+    for (zel2_bank* bank : bankStates[p]) {
+      sc_time& next = bank->*same;
+      if (p != partition) {
+        next = std::max(next, now + gaps.sameKindOtherPartition + r);
+        bank->*other = std::max(bank->*other, now + gaps.otherKindOtherPartition + r);
+      } else {
+        // A command of the same kind that could come within the page gap is put at its end.
+        if (next > now + cfg.tCCD && next < now + gaps.samePartitionPage)
+          next = now + gaps.samePartitionPage;
+        else
+          next = std::max(next, now + cfg.tCCD + r);
+        bank->*other = std::max(bank->*other, now + gaps.otherKindSamePartition + r);
+      }
+    }
+}
+
 void zel2_vault_controller::UpdateForWrite(unsigned index, const DRAMBusPacket& packet) {
   const sc_time now = sc_time_stamp();
   unsigned k = 0;
@@ -670,21 +680,8 @@ void zel2_vault_controller::UpdateForWrite(unsigned index, const DRAMBusPacket& 
     WriteTransactionDone(packet.tag);
   }
 
-  const sc_time r = cfg.tCCD * k;
-  const unsigned partitions = UsedPartitions();
-  for (unsigned p = 0; p < partitions; p++)
-    for (zel2_bank* bank : bankStates[p]) {
-      if (p != packet.partition) {
-        bank->nextWrite = std::max(bank->nextWrite, now + cfg.tCCD + r);
-        bank->nextRead = std::max(bank->nextRead, now + cfg.WR_TO_RD_DIFF + r);
-      } else {
-        if (bank->nextWrite > now + cfg.tCCD && bank->nextWrite < now + cfg.tCCDWP)
-          bank->nextWrite = now + cfg.tCCDWP;
-        else
-          bank->nextWrite = std::max(bank->nextWrite, now + cfg.tCCD + r);
-        bank->nextRead = std::max(bank->nextRead, now + cfg.WR_TO_RD_SAME + r);
-      }
-    }
+  SpaceColumnCommands(packet.partition, &zel2_bank::nextWrite, &zel2_bank::nextRead,
+                      {cfg.tCCD, cfg.tCCDWP, cfg.WR_TO_RD_DIFF, cfg.WR_TO_RD_SAME}, cfg.tCCD * k);
 
   zel2_bank* bank = bankStates[packet.partition][packet.bank];
   bank->nextWrite = now + cfg.tCCD;

@@ -167,6 +167,18 @@ class zel2_vault_controller : public sc_core::sc_module {
   void UpdateForPre(const DRAMBusPacket& packet);
   void UpdateForRead(unsigned index, const DRAMBusPacket& packet);
   void UpdateForWrite(unsigned index, const DRAMBusPacket& packet);
+  // The spacing that a READ (or WRITE) imposes on the column commands of all
+  // banks: `same` is the next time of its own kind, `other` of the other
+  // kind; r is the rest of its burst.
+  struct ColumnGaps {
+    sc_core::sc_time sameKindOtherPartition;
+    sc_core::sc_time samePartitionPage;
+    sc_core::sc_time otherKindOtherPartition;
+    sc_core::sc_time otherKindSamePartition;
+  };
+  void SpaceColumnCommands(unsigned partition, sc_core::sc_time zel2_bank::*same,
+                           sc_core::sc_time zel2_bank::*other, const ColumnGaps& gaps,
+                           const sc_core::sc_time& r);
   void TraceCommand(const DRAMBusPacket& packet);
   void SendResponseCopy(const Flit_P& request, unsigned port, bool header, bool tail);
 };

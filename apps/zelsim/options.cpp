@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <limits>
 #include <ostream>
 #include <type_traits>
@@ -327,61 +328,43 @@ ParseStatus ParseCommandLine(int argc, const char* const* argv, Options& options
       options.jsonFile = value;
       continue;
     }
-    uint64_t number = 0;
-    if (option == "--seed") {
+    // The options that take an unsigned number: the largest value, what a
+    // good value looks like (for the message), any further test, and where
+    // the value goes.
+    struct NumberOption {
+      const char* name;
+      uint64_t max;
+      const char* expected;
+      bool (*valid)(uint64_t);
+      std::function<void(uint64_t)> store;
+    };
+    const auto any = [](uint64_t) { return true; };
+    const NumberOption numberOptions[] = {
+        {"--seed", std::numeric_limits<uint64_t>::max(), "an unsigned decimal number", any,
+         [&](uint64_t n) { options.seed = n; }},
+        // Up to 1000 s, which a time of picoseconds holds with room to spare.
+        {"--deadlock-timeout", 1000000000000ull, "a number of nanoseconds up to 10^12 (0: off)", any,
+         [&](uint64_t n) { options.deadlockTimeoutNs = n; }},
+        {"--token-return-wait", 1000000, "a number of core cycles up to 1000000", any,
+         [&](uint64_t n) { options.tokenReturnWait = static_cast<unsigned>(n); }},
+        {"--cube-size", 2, "0, 1 or 2 (2, 4 or 8 GB)", any,
+         [&](uint64_t n) { options.cubeSize = static_cast<int>(n); }},
+        {"--link-rate", 60, "40, 50 or 60", [](uint64_t n) { return n == 40 || n == 50 || n == 60; },
+         [&](uint64_t n) { options.linkRate = static_cast<unsigned>(n); }},
+        {"--lanes", 128, "a lane count from 1 to 128", [](uint64_t n) { return n != 0; },
+         [&](uint64_t n) { options.lanes = static_cast<unsigned>(n); }},
+    };
+    const NumberOption* numberOption = nullptr;
+    for (const NumberOption& candidate : numberOptions)
+      if (option == candidate.name) numberOption = &candidate;
+    if (numberOption != nullptr) {
       if (!takeValue()) return ParseStatus::Error;
-      if (!ParseUnsignedOption(value, std::numeric_limits<uint64_t>::max(), number)) {
-        error = "bad value '" + value + "' for --seed: expected an unsigned decimal number";
+      uint64_t number = 0;
+      if (!ParseUnsignedOption(value, numberOption->max, number) || !numberOption->valid(number)) {
+        error = "bad value '" + value + "' for " + option + ": expected " + numberOption->expected;
         return ParseStatus::Error;
       }
-      options.seed = number;
-      continue;
-    }
-    if (option == "--deadlock-timeout") {
-      if (!takeValue()) return ParseStatus::Error;
-      // Up to 1000 s, which a time of picoseconds holds with room to spare.
-      if (!ParseUnsignedOption(value, 1000000000000ull, number)) {
-        error = "bad value '" + value +
-                "' for --deadlock-timeout: expected a number of nanoseconds up to 10^12 (0: off)";
-        return ParseStatus::Error;
-      }
-      options.deadlockTimeoutNs = number;
-      continue;
-    }
-    if (option == "--token-return-wait") {
-      if (!takeValue()) return ParseStatus::Error;
-      if (!ParseUnsignedOption(value, 1000000, number)) {
-        error = "bad value '" + value + "' for --token-return-wait: expected a number of core cycles up to 1000000";
-        return ParseStatus::Error;
-      }
-      options.tokenReturnWait = static_cast<unsigned>(number);
-      continue;
-    }
-    if (option == "--cube-size") {
-      if (!takeValue()) return ParseStatus::Error;
-      if (!ParseUnsignedOption(value, 2, number)) {
-        error = "bad value '" + value + "' for --cube-size: expected 0, 1 or 2 (2, 4 or 8 GB)";
-        return ParseStatus::Error;
-      }
-      options.cubeSize = static_cast<int>(number);
-      continue;
-    }
-    if (option == "--link-rate") {
-      if (!takeValue()) return ParseStatus::Error;
-      if (!ParseUnsignedOption(value, 60, number) || (number != 40 && number != 50 && number != 60)) {
-        error = "bad value '" + value + "' for --link-rate: expected 40, 50 or 60";
-        return ParseStatus::Error;
-      }
-      options.linkRate = static_cast<unsigned>(number);
-      continue;
-    }
-    if (option == "--lanes") {
-      if (!takeValue()) return ParseStatus::Error;
-      if (!ParseUnsignedOption(value, 128, number) || number == 0) {
-        error = "bad value '" + value + "' for --lanes: expected a lane count from 1 to 128";
-        return ParseStatus::Error;
-      }
-      options.lanes = static_cast<unsigned>(number);
+      numberOption->store(number);
       continue;
     }
     error = (option.rfind('-', 0) == 0 ? "unknown option '" : "unexpected argument '") +
