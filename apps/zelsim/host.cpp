@@ -205,8 +205,16 @@ void LegalHost::PlanCycle(HostLink& link, std::vector<Flit*>& flits) {
   }
   // Response space that no tail could carry goes back in a flit of its own,
   // never in the middle of a packet.
-  const bool tokensWaited = cycle - link.owedSince >= setup.tokenReturnWait ||
-                            link.responseTokensOwed >= cfg.MAX_TOKEN_RETURN;
+  // With a wait, the tokens go in a flit of their own only while every
+  // request token is back with the host: nothing of the host's is then in
+  // the link's input path, so the flit passes straight on and the link frees
+  // it (one that meets a busy link switch is dropped without being freed).
+  // Past eight times the wait they go anyway, so that the link never starves.
+  const uint64_t waited = cycle - link.owedSince;
+  const uint64_t wait = setup.tokenReturnWait;
+  const bool inputPathEmpty = link.requestTokens >= cfg.TOKENS_PER_LINK;
+  const bool tokensWaited = wait == 0 || waited >= 8 * wait ||
+                            (inputPathEmpty && (waited >= wait || link.responseTokensOwed >= cfg.MAX_TOKEN_RETURN));
   if (budget > 0 && link.sending.empty() && link.responseTokensOwed > 0 && tokensWaited) {
     Flit* tokens = MakeTokenReturn(link.responseTokensOwed);
     link.stats.responseTokensReturned += link.responseTokensOwed;

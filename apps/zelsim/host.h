@@ -58,10 +58,11 @@ struct HostSetup {
   // the host takes the cube as deadlocked, sets `deadlocked` and stops the
   // kernel. Zero turns the watchdog off.
   sc_core::sc_time deadlockTimeout = sc_core::SC_ZERO_TIME;
-  // Core cycles that freed response space may wait for a request tail to
-  // carry it before it goes back in a TOKEN_RETURN flit of its own; a
-  // flit's worth (MAX_TOKEN_RETURN) goes at once. Zero: at the first cycle
-  // with room on the link.
+  // Core cycles that freed response space waits for a request tail to carry
+  // it before it may go back in a TOKEN_RETURN flit of its own, which it
+  // then does only while all request tokens are back with the host (at
+  // once if it makes a flit's worth, MAX_TOKEN_RETURN), or in any case after
+  // eight times this wait. Zero: at the first cycle with room on the link.
   unsigned tokenReturnWait = 0;
 };
 
