@@ -1,10 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The cube top: entry points, environment, banner, structure and setters.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <string>
-
 #include "test_support.h"
 #include "zel2/zel2_link.h"
 #include "zel2/zel2_quad.h"
@@ -34,39 +29,30 @@ struct CubeHarness {
   }
 };
 
-Config& ConfigWithQuads(unsigned quads) {
-  Config& cfg = *new Config();
-  cfg.NUM_QUADS = quads;
-  cfg.NUM_LINKS = quads;
-  cfg.NUM_VAULTS = quads * cfg.VAULTS_PER_QUAD;
-  return cfg;
-}
-
-zel2_cube& ElaborateAndRun(unsigned quads) {
+void ElaborateAndRun(unsigned quads) {
   zelsim_test::ClearModelEnvironment();
-  zel2_cube& cube = GetCube(ConfigWithQuads(quads));
+  Config& cfg = *new Config();
+  cfg.NUM_QUADS = cfg.NUM_LINKS = quads;
+  cfg.NUM_VAULTS = quads * cfg.VAULTS_PER_QUAD;
+  zel2_cube& cube = GetCube(cfg);
   CubeHarness harness(cube);
   sc_core::sc_start(Ns(100));
   EXPECT_EQ(sc_core::sc_time_stamp(), Ns(100));
   for (unsigned q = 0; q < quads; ++q) {
     EXPECT_EQ(cube.quads[q]->lswInterquadFlitsOut.size(), quads - 1);
-    EXPECT_EQ(std::string(cube.quads[q]->slices[0]->basename()), "slice" + std::to_string(4 * q));
+    // Block names carry the quad and vault numbers.
+    EXPECT_EQ(cube.quads[q]->link->name(),
+              "zelsim_cube.quad" + std::to_string(q) + ".link" + std::to_string(q));
+    EXPECT_EQ(std::string(cube.quads[q]->slices[1]->basename()), "slice" + std::to_string(4 * q + 1));
+    EXPECT_EQ(cube.quads[q]->slices[1]->id, 4 * q + 1);
   }
-  return cube;
 }
 
 }  // namespace
 
+// The golden outputs run the four quads of the default shape.
 TEST(CubeStructure, ElaboratesWithOneQuad) { ElaborateAndRun(1); }
 TEST(CubeStructure, ElaboratesWithTwoQuads) { ElaborateAndRun(2); }
-
-// Block names carry the quad and vault numbers.
-TEST(CubeStructure, ElaboratesWithFourQuads) {
-  zel2_cube& cube = ElaborateAndRun(4);
-  EXPECT_STREQ(cube.quads[1]->link->name(), "zelsim_cube.quad1.link1");
-  EXPECT_STREQ(cube.quads[3]->slices[1]->name(), "zelsim_cube.quad3.slice13");
-  EXPECT_EQ(cube.quads[3]->slices[1]->id, 13u);
-}
 
 TEST(CubeClock, TogglesWithTheCorePeriod) {
   zelsim_test::ClearModelEnvironment();
@@ -136,8 +122,8 @@ TEST(CubeEntryPoints, CreateCubeReadsTheFileOfTheEnvironment) {
   EXPECT_EQ(out.str().find("No config file specified"), std::string::npos);
 }
 
-// Link parameters change the speed of all links, but one link's width;
-// every setter says what it changes.
+// Link parameters change the speed of all links, but one link's width. The
+// golden outputs hold what the link setter says.
 TEST(CubeSetters, ChangeTheConfigurationAndTheBlocks) {
   zelsim_test::ClearModelEnvironment();
   zel2_cube& cube = GetCube(*new Config());
@@ -154,12 +140,6 @@ TEST(CubeSetters, ChangeTheConfigurationAndTheBlocks) {
   EXPECT_EQ(GetLinkRate(&cube, 2), Ps(1280));
   // Every link takes the width of the link named in the call.
   EXPECT_EQ(cube.quads[0]->link->flitRate, Ps(1280));
-  const std::string text = out.str();
-  EXPECT_NE(text.find("0 s: SYSTEMC CONFIG CHANGE: setting link rate=12.5 Gb/s\n"
-                      "0 s: SYSTEMC CONFIG CHANGE: setting link2 width=8 lanes\n"),
-            std::string::npos);
-  EXPECT_NE(text.find("0 s: Refresh disabled, cancelling refresh for quad 3 vault 3\n"), std::string::npos);
-
   cube.setTj(95);
   EXPECT_EQ(cube.cfg.Tj, 95u);
   EXPECT_NE(out.str().find("0 s: SYSTEMC CONFIG CHANGE: setting operating temperature (Tj)=95\n"),
