@@ -137,7 +137,14 @@ int ParseOptions(int argc, char** argv, SoakOptions& o) {
       }
       return true;
     };
+    // A number from lo to hi into n; `what` says the range when it isn't.
     uint64_t n = 0;
+    auto ranged = [&](uint64_t lo, uint64_t hi, const char* what) {
+      if (!number(n)) return false;
+      if (n >= lo && n <= hi) return true;
+      std::cerr << "zelsim-soak: " << arg << ": " << what << "\n";
+      return false;
+    };
     std::string text;
     if (arg == "--help") {
       std::cout << kUsage;
@@ -162,44 +169,24 @@ int ParseOptions(int argc, char** argv, SoakOptions& o) {
     } else if (arg == "--max-cases") {
       if (!number(o.maxCases)) return 2;
     } else if (arg == "--seeds") {
-      if (!number(n)) return 2;
-      if (n == 0 || n > 1000000) {
-        std::cerr << "zelsim-soak: --seeds: from 1 to 1000000\n";
-        return 2;
-      }
+      if (!ranged(1, 1000000, "from 1 to 1000000")) return 2;
       o.seeds = static_cast<unsigned>(n);
     } else if (arg == "--first-seed") {
       if (!number(o.firstSeed)) return 2;
     } else if (arg == "--time") {
-      if (!number(n)) return 2;
-      if (n == 0 || n > 100000000) {
-        std::cerr << "zelsim-soak: --time: from 1 to 100000000 ns\n";
-        return 2;
-      }
+      if (!ranged(1, 100000000, "from 1 to 100000000 ns")) return 2;
       o.timeNs = static_cast<unsigned>(n);
     } else if (arg == "--set") {
       if (!next(text)) return 2;
       o.extraKeys.push_back(text);
     } else if (arg == "--determinism") {
-      if (!number(n)) return 2;
-      if (n > 100) {
-        std::cerr << "zelsim-soak: --determinism: a percentage from 0 to 100\n";
-        return 2;
-      }
+      if (!ranged(0, 100, "a percentage from 0 to 100")) return 2;
       o.determinismPercent = static_cast<unsigned>(n);
     } else if (arg == "--jobs") {
-      if (!number(n)) return 2;
-      if (n == 0 || n > 64) {
-        std::cerr << "zelsim-soak: --jobs: from 1 to 64\n";
-        return 2;
-      }
+      if (!ranged(1, 64, "from 1 to 64")) return 2;
       o.jobs = static_cast<unsigned>(n);
     } else if (arg == "--timeout") {
-      if (!number(n)) return 2;
-      if (n == 0) {
-        std::cerr << "zelsim-soak: --timeout: at least 1 second\n";
-        return 2;
-      }
+      if (!ranged(1, UINT64_MAX, "at least 1 second")) return 2;
       o.timeoutSeconds = static_cast<double>(n);
     } else if (arg == "--zelsim") {
       if (!next(o.zelsim)) return 2;
