@@ -5,6 +5,13 @@
 // compare across machines. It prints one JSON line with the wall-clock and
 // the processor time of the simulation alone, and the cost per activation
 // by each.
+//
+// The floor itself has every process re-arm at the same instants, which keeps
+// the kernel's timed-event heap trivially ordered. The other kinds price what
+// a model's activations cost the kernel: processes out of step with each
+// other (each one a picosecond after the one before, so the heap orders real
+// times), threads resumed by a timed wait, and methods woken through an
+// sc_event_queue (a firing of the queue's own process, then the method).
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
@@ -31,6 +38,93 @@ struct Ticker : sc_core::sc_module {
   }
 };
 
+// A method out of step with the others: it first runs `phase` after the
+// start and then every period.
+struct StaggeredTicker : sc_core::sc_module {
+  sc_core::sc_event tick;
+  sc_core::sc_time period;
+  sc_core::sc_time phase;
+  unsigned long activations = 0;
+  SC_HAS_PROCESS(StaggeredTicker);
+  StaggeredTicker(sc_core::sc_module_name name, const sc_core::sc_time& period, const sc_core::sc_time& phase)
+      : sc_module(name), period(period), phase(phase) {
+    SC_METHOD(Tick);
+    sensitive << tick;
+    dont_initialize();
+  }
+  void start_of_simulation() override { tick.notify(phase); }
+  void Tick() {
+    ++activations;
+    tick.notify(period);
+  }
+};
+
+// A thread out of step with the others, resumed by a timed wait.
+struct ThreadTicker : sc_core::sc_module {
+  sc_core::sc_time period;
+  sc_core::sc_time phase;
+  unsigned long activations = 0;
+  SC_HAS_PROCESS(ThreadTicker);
+  ThreadTicker(sc_core::sc_module_name name, const sc_core::sc_time& period, const sc_core::sc_time& phase)
+      : sc_module(name), period(period), phase(phase) {
+    SC_THREAD(Run);
+  }
+  void Run() {
+    sc_core::wait(phase);
+    while (true) {
+      ++activations;
+      sc_core::wait(period);
+    }
+  }
+};
+
+// A method out of step with the others, woken through an sc_event_queue.
+struct QueueTicker : sc_core::sc_module {
+  sc_core::sc_event_queue queue;
+  sc_core::sc_time period;
+  sc_core::sc_time phase;
+  unsigned long activations = 0;
+  SC_HAS_PROCESS(QueueTicker);
+  QueueTicker(sc_core::sc_module_name name, const sc_core::sc_time& period, const sc_core::sc_time& phase)
+      : sc_module(name), queue("queue"), period(period), phase(phase) {
+    SC_METHOD(Tick);
+    sensitive << queue;
+    dont_initialize();
+  }
+  void start_of_simulation() override { queue.notify(phase); }
+  void Tick() {
+    ++activations;
+    queue.notify(period);
+  }
+};
+
+// Processes that share a time step in the kinds other than the floor.
+constexpr unsigned kGroup = 32;
+
+// Makes `count` processes of `kind` and returns their activation counters.
+bool MakeTickers(const std::string& kind, unsigned count, const sc_core::sc_time& period,
+                 std::vector<const unsigned long*>& counters) {
+  for (unsigned i = 0; i < count; ++i) {
+    const std::string name = "ticker" + std::to_string(i);
+    // Groups of kGroup processes share a phase, a picosecond after the
+    // group before: about as many activations per time step as a model of
+    // many blocks has.
+    const sc_core::sc_time phase = sc_core::sc_time::from_value(i / kGroup + 1);
+    if (kind == "method") {
+      counters.push_back(&(new Ticker(name.c_str(), period))->activations);
+    } else if (kind == "staggered") {
+      counters.push_back(&(new StaggeredTicker(name.c_str(), period, phase))->activations);
+    } else if (kind == "thread") {
+      counters.push_back(&(new ThreadTicker(name.c_str(), period, phase))->activations);
+    } else if (kind == "queue") {
+      counters.push_back(&(new QueueTicker(name.c_str(), period, phase))->activations);
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
 // Processor time of this process, user and system, in seconds.
 double CpuSeconds() {
   timespec now{};
@@ -40,15 +134,22 @@ double CpuSeconds() {
 
 }  // namespace
 
-// Usage: kernel_floor [processes] [simulated microseconds]
+// Usage: kernel_floor [processes] [simulated microseconds] [kind]
+// kind: method (the floor, the default), staggered, thread or queue.
 int sc_main(int argc, char* argv[]) {
   const unsigned processes = argc > 1 ? static_cast<unsigned>(std::strtoul(argv[1], nullptr, 10)) : 64;
   const double microseconds = argc > 2 ? std::strtod(argv[2], nullptr) : 200.0;
+  const std::string kind = argc > 3 ? argv[3] : "method";
   const sc_core::sc_time period(1.6, sc_core::SC_NS);
+  if (processes == 0 || processes >= 1600 || !(microseconds > 0)) {
+    std::cerr << "kernel_floor: want 1 to 1599 processes and a positive simulated time\n";
+    return 2;
+  }
 
-  std::vector<Ticker*> tickers;
-  for (unsigned i = 0; i < processes; ++i) {
-    tickers.push_back(new Ticker(("ticker" + std::to_string(i)).c_str(), period));
+  std::vector<const unsigned long*> counters;
+  if (!MakeTickers(kind, processes, period, counters)) {
+    std::cerr << "kernel_floor: unknown kind '" << kind << "' (method, staggered, thread or queue)\n";
+    return 2;
   }
   const double cpuStart = CpuSeconds();
   const auto start = std::chrono::steady_clock::now();
@@ -57,10 +158,10 @@ int sc_main(int argc, char* argv[]) {
   const double cpuSeconds = CpuSeconds() - cpuStart;
 
   unsigned long activations = 0;
-  for (const Ticker* ticker : tickers) activations += ticker->activations;
+  for (const unsigned long* counter : counters) activations += *counter;
   const double nsPerActivation = seconds * 1e9 / static_cast<double>(activations);
   const double cpuNsPerActivation = cpuSeconds * 1e9 / static_cast<double>(activations);
-  std::cout << "{\"processes\": " << processes << ", \"simulated_us\": " << microseconds
+  std::cout << "{\"kind\": \"" << kind << "\", \"processes\": " << processes << ", \"simulated_us\": " << microseconds
             << ", \"activations\": " << activations << ", \"wall_s\": " << seconds
             << ", \"ns_per_activation\": " << nsPerActivation << ", \"cpu_s\": " << cpuSeconds
             << ", \"cpu_ns_per_activation\": " << cpuNsPerActivation << "}" << std::endl;
