@@ -39,9 +39,11 @@ struct Ticker : sc_core::sc_module {
 };
 
 // A method out of step with the others: it first runs `phase` after the
-// start and then every period.
+// start and then every period, re-armed through `Trigger`, an sc_event or an
+// sc_event_queue (whose own process then runs before the method each time).
+template <class Trigger>
 struct StaggeredTicker : sc_core::sc_module {
-  sc_core::sc_event tick;
+  Trigger tick;
   sc_core::sc_time period;
   sc_core::sc_time phase;
   unsigned long activations = 0;
@@ -78,26 +80,6 @@ struct ThreadTicker : sc_core::sc_module {
   }
 };
 
-// A method out of step with the others, woken through an sc_event_queue.
-struct QueueTicker : sc_core::sc_module {
-  sc_core::sc_event_queue queue;
-  sc_core::sc_time period;
-  sc_core::sc_time phase;
-  unsigned long activations = 0;
-  SC_HAS_PROCESS(QueueTicker);
-  QueueTicker(sc_core::sc_module_name name, const sc_core::sc_time& period, const sc_core::sc_time& phase)
-      : sc_module(name), queue("queue"), period(period), phase(phase) {
-    SC_METHOD(Tick);
-    sensitive << queue;
-    dont_initialize();
-  }
-  void start_of_simulation() override { queue.notify(phase); }
-  void Tick() {
-    ++activations;
-    queue.notify(period);
-  }
-};
-
 // Processes that share a time step in the kinds other than the floor.
 constexpr unsigned kGroup = 32;
 
@@ -113,11 +95,11 @@ bool MakeTickers(const std::string& kind, unsigned count, const sc_core::sc_time
     if (kind == "method") {
       counters.push_back(&(new Ticker(name.c_str(), period))->activations);
     } else if (kind == "staggered") {
-      counters.push_back(&(new StaggeredTicker(name.c_str(), period, phase))->activations);
+      counters.push_back(&(new StaggeredTicker<sc_core::sc_event>(name.c_str(), period, phase))->activations);
     } else if (kind == "thread") {
       counters.push_back(&(new ThreadTicker(name.c_str(), period, phase))->activations);
     } else if (kind == "queue") {
-      counters.push_back(&(new QueueTicker(name.c_str(), period, phase))->activations);
+      counters.push_back(&(new StaggeredTicker<sc_core::sc_event_queue>(name.c_str(), period, phase))->activations);
     } else {
       return false;
     }
