@@ -180,6 +180,26 @@ bool CheckValue(const KeyInfo& key, const std::string& text, std::string& canoni
   return false;
 }
 
+// Checks one "KEY=VALUE" setting, `line` holding the '=' at `equals`, and
+// puts it into `overlay`; an error starts with `where`.
+static bool ApplySetting(const std::string& line, std::size_t equals, Origin origin, const std::string& where,
+                         ConfigOverlay& overlay, std::string& error) {
+  const std::string name = Strip(line.substr(0, equals));
+  const KeyInfo* key = FindKey(name);
+  if (key == nullptr) {
+    error = where + (name.empty() ? std::string("no key before '='") : UnknownKey(name));
+    return false;
+  }
+  std::string canonical;
+  std::string what;
+  if (!CheckValue(*key, Strip(line.substr(equals + 1)), canonical, what)) {
+    error = where + what;
+    return false;
+  }
+  overlay[name] = KeySetting{canonical, origin};
+  return true;
+}
+
 bool ReadConfigFile(const std::string& path, Origin origin, ConfigOverlay& overlay, std::string& error) {
   const std::string from = origin == Origin::EnvironmentFile ? " (LIBZEL_CONFIG_FILE)" : "";
   std::ifstream file(path);
@@ -199,20 +219,7 @@ bool ReadConfigFile(const std::string& path, Origin origin, ConfigOverlay& overl
       error = where + "expected KEY = VALUE, found '" + line + "'";
       return false;
     }
-    const std::string name = Strip(line.substr(0, equals));
-    const std::string text = Strip(line.substr(equals + 1));
-    const KeyInfo* key = FindKey(name);
-    if (key == nullptr) {
-      error = where + (name.empty() ? std::string("no key before '='") : UnknownKey(name));
-      return false;
-    }
-    std::string canonical;
-    std::string what;
-    if (!CheckValue(*key, text, canonical, what)) {
-      error = where + what;
-      return false;
-    }
-    overlay[name] = KeySetting{canonical, origin};
+    if (!ApplySetting(line, equals, origin, where, overlay, error)) return false;
   }
   if (file.bad()) {
     error = "can't read configuration file '" + path + "'" + from;
@@ -228,20 +235,7 @@ bool ApplyAssignment(const std::string& assignment, ConfigOverlay& overlay, std:
     error = where + "expected KEY=VALUE";
     return false;
   }
-  const std::string name = Strip(assignment.substr(0, equals));
-  const KeyInfo* key = FindKey(name);
-  if (key == nullptr) {
-    error = where + (name.empty() ? std::string("no key before '='") : UnknownKey(name));
-    return false;
-  }
-  std::string canonical;
-  std::string what;
-  if (!CheckValue(*key, Strip(assignment.substr(equals + 1)), canonical, what)) {
-    error = where + what;
-    return false;
-  }
-  overlay[name] = KeySetting{canonical, Origin::SetOption};
-  return true;
+  return ApplySetting(assignment, equals, Origin::SetOption, where, overlay, error);
 }
 
 void ApplyOverlay(const ConfigOverlay& overlay, Config& cfg) {
