@@ -38,18 +38,25 @@ struct Ticker : sc_core::sc_module {
   }
 };
 
-// A method out of step with the others: it first runs `phase` after the
-// start and then every period, re-armed through `Trigger`, an sc_event or an
-// sc_event_queue (whose own process then runs before the method each time).
-template <class Trigger>
-struct StaggeredTicker : sc_core::sc_module {
-  Trigger tick;
+// What the out-of-step kinds share: the period, the phase (how long after
+// the start the first activation comes) and the activation count.
+struct OutOfStep : sc_core::sc_module {
   sc_core::sc_time period;
   sc_core::sc_time phase;
   unsigned long activations = 0;
+  OutOfStep(sc_core::sc_module_name name, const sc_core::sc_time& period, const sc_core::sc_time& phase)
+      : sc_module(name), period(period), phase(phase) {}
+};
+
+// A method out of step with the others, re-armed through `Trigger`, an
+// sc_event or an sc_event_queue (whose own process then runs before the
+// method each time).
+template <class Trigger>
+struct StaggeredTicker : OutOfStep {
+  Trigger tick;
   SC_HAS_PROCESS(StaggeredTicker);
   StaggeredTicker(sc_core::sc_module_name name, const sc_core::sc_time& period, const sc_core::sc_time& phase)
-      : sc_module(name), period(period), phase(phase) {
+      : OutOfStep(name, period, phase) {
     SC_METHOD(Tick);
     sensitive << tick;
     dont_initialize();
@@ -62,13 +69,10 @@ struct StaggeredTicker : sc_core::sc_module {
 };
 
 // A thread out of step with the others, resumed by a timed wait.
-struct ThreadTicker : sc_core::sc_module {
-  sc_core::sc_time period;
-  sc_core::sc_time phase;
-  unsigned long activations = 0;
+struct ThreadTicker : OutOfStep {
   SC_HAS_PROCESS(ThreadTicker);
   ThreadTicker(sc_core::sc_module_name name, const sc_core::sc_time& period, const sc_core::sc_time& phase)
-      : sc_module(name), period(period), phase(phase) {
+      : OutOfStep(name, period, phase) {
     SC_THREAD(Run);
   }
   void Run() {
