@@ -248,12 +248,11 @@ std::string TempPath(const char* stem) {
 
 // Runs the kernel floor program `tries` times with `result.kind` and
 // `result.processes`, keeping the fastest run, also against what `result`
-// already holds (tries == 0 means none yet). The floor's simulated time keeps
+// already holds (a cost of 0 means no run yet). The floor's simulated time keeps
 // 8 million activations per run (64 processes for the workloads' 200 us).
 bool RunFloor(const Options& options, FloorResult& result, unsigned tries) {
   const std::string out = TempPath("kernelfloor");
   const double us = options.simulatedUs * 64.0 / result.processes;
-  const bool first = result.nsPerActivation == 0;
   for (unsigned r = 0; r < tries; ++r) {
     const ChildRun run =
         RunChild({options.floor, std::to_string(result.processes), Num(us), result.kind}, out);
@@ -266,12 +265,12 @@ bool RunFloor(const Options& options, FloorResult& result, unsigned tries) {
       std::remove(out.c_str());
       return false;
     }
-    if ((first && r == 0) || ns < result.nsPerActivation) {
+    if (result.nsPerActivation == 0 || ns < result.nsPerActivation) {
       result.nsPerActivation = ns;
       result.activations = JsonNumberAfter(text, "activations");
       result.wallSeconds = run.wallSeconds;
     }
-    if ((first && r == 0) || cpuNs < result.cpuNsPerActivation) result.cpuNsPerActivation = cpuNs;
+    if (result.cpuNsPerActivation == 0 || cpuNs < result.cpuNsPerActivation) result.cpuNsPerActivation = cpuNs;
     result.peakRssKb = std::max(result.peakRssKb, run.peakRssKb);
   }
   std::remove(out.c_str());
@@ -361,8 +360,8 @@ void PrintTable(const Options& options, const FloorResult& floor, const std::vec
   std::cout << "\nKernel cost of one activation by kind, " << kKindProcesses
             << " processes in groups of 32 a picosecond apart:\n";
   for (const FloorResult& k : kinds) {
-    std::cout << std::left << std::setw(12) << k.kind << std::right << std::fixed << std::setprecision(2) << std::setw(9)
-              << k.nsPerActivation << " ns wall" << std::setw(9) << k.cpuNsPerActivation << " ns CPU"
+    std::cout << std::left << std::setw(12) << k.kind << std::right << std::fixed << std::setprecision(2)
+              << std::setw(9) << k.nsPerActivation << " ns wall" << std::setw(9) << k.cpuNsPerActivation << " ns CPU"
               << std::setw(8) << k.nsPerActivation / floor.nsPerActivation << " floors wall"
               << std::setw(8) << k.cpuNsPerActivation / floor.cpuNsPerActivation << " floors CPU\n";
   }
