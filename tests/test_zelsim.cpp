@@ -632,12 +632,18 @@ TEST(ZelsimEnds, AModelStopWithStatus0EndsWithStatus3) {
 // A vault controller that can't hold a transaction's commands takes none:
 // requests pile up and no flit moves.
 TEST(ZelsimEnds, TheWatchdogReportsADeadlockWithTheStateOfTheCube) {
+  zelsim_test::TempDir dir;
   std::string err;
   std::string out;
-  EXPECT_EQ(RunBench(Args({"--no-config-guards", "--deadlock-timeout", "500"},
+  EXPECT_EQ(RunBench(Args({"--no-config-guards", "--deadlock-timeout", "500", "--json", dir.path + "/d.json"},
                           {"REQUEST_Q_CAPACITY=0", "SIM_TIME=0"}),
                      &err, &out),
             kExitDeadlock);
+  // The JSON tells of the deadlock, with the requests it left open.
+  const nlohmann::json json = nlohmann::json::parse(zelsim_test::ReadFile(dir.path + "/d.json"));
+  EXPECT_EQ(json["run"]["deadlock"], true);
+  EXPECT_EQ(json["run"]["drained"], false);
+  EXPECT_GT(json["total"]["outstanding"].get<int>(), 0);
   EXPECT_NE(err.find("zelsim: deadlock: no flit moved for 500 ns with "), std::string::npos) << err;
   EXPECT_NE(err.find(" requests outstanding\n"), std::string::npos) << err;
   const std::size_t line = out.find("zelsim: deadlock: no flit moved for 500 ns");

@@ -218,7 +218,7 @@ int ReportDeadlock(Cube2in1Wrapper& wrapper, const LegalHost& host) {
 // What the host, the generators and the timeline found up to now, the end
 // of the run as the summary counts it.
 void CollectRun(const LegalHost& host, const GeneratorSource& source, Timeline* timeline, RunResults& results) {
-  results.endTimeNs = sc_core::sc_time_stamp().to_seconds() * 1e9;
+  results.endTimeNs = static_cast<double>(sc_core::sc_time_stamp().value()) / 1000;
   host.CollectResults(results);
   source.FillResults(results);
   if (timeline != nullptr) timeline->Finish(sc_core::sc_time_stamp().value());
@@ -844,7 +844,7 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   }
   if (progress != nullptr) progress->Finish();
 
-  results.simTimeNs = cfg.SIM_TIME.to_seconds() * 1e9;
+  results.simTimeNs = static_cast<double>(cfg.SIM_TIME.value()) / 1000;
   std::vector<std::string> violations;
   if (!host->deadlocked) {
     if (options.checkRest) {

@@ -317,10 +317,11 @@ void LegalHost::ReceiveResponses() {
 }
 
 void LegalHost::TakeResponse(HostLink& link, Flit* flit) {
-  // Marked first: from now on the link may no longer move a packet's tokens
-  // up to this flit.
-  flit->consumed = true;
+  // Observers see the flit as the cube sent it.
   for (HostObserver* observer : observers) observer->FlitTaken(link.number, *flit);
+  // Marked before anything else: from now on the link may no longer move a
+  // packet's tokens up to this flit.
+  flit->consumed = true;
   // A TOKEN_RETURN without tokens carries nothing: a link that sends only
   // such flits is as stuck as one that sends none.
   if (flit->command != TOKEN_RETURN || flit->returnTokens != 0) lastFlitMove = sc_time_stamp();

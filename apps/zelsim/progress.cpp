@@ -46,7 +46,8 @@ std::string ProgressLine(const sc_core::sc_time& now, const sc_core::sc_time& si
   done = std::min(done, 1.0);
   if (done > 0) {
     line += Format(", %.0f %%", 100 * done);
-    if (wallSeconds > 0) line += ", about " + Duration(wallSeconds * (1 - done) / done) + " left";
+    // An estimate from less than a second of running says little.
+    if (wallSeconds >= 1) line += ", about " + Duration(wallSeconds * (1 - done) / done) + " left";
   }
   return line;
 }
