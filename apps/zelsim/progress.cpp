@@ -70,6 +70,7 @@ void ProgressDisplay::Tick() {
   const Clock::time_point now = Clock::now();
   // Scale the step towards kWakeSeconds of wall time, by at most a factor of
   // 2 each time, between 1 ns and 1 ms of simulated time.
+  if (finished_) return;  // and never wakes again
   if (sc_core::sc_time_stamp() != sc_core::SC_ZERO_TIME) {
     const double factor = std::clamp(kWakeSeconds / std::max(Seconds(now - lastWake_), 1e-9), 0.5, 2.0);
     step_ = std::clamp(step_ * factor, sc_core::sc_time(1, sc_core::SC_NS), sc_core::sc_time(1, sc_core::SC_MS));
@@ -90,7 +91,7 @@ void ProgressDisplay::Tick() {
 
 void ProgressDisplay::Finish() {
   if (drawn_) out_ << "\r\033[K" << std::flush;
-  drawn_ = false;
+  finished_ = true;
 }
 
 }  // namespace Bench

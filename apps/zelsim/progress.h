@@ -31,7 +31,8 @@ class ProgressDisplay : public sc_core::sc_module {
   SC_HAS_PROCESS(ProgressDisplay);
   ProgressDisplay(sc_core::sc_module_name name, const LegalHost& host, std::ostream& out,
                   const sc_core::sc_time& simTime, uint64_t plannedRequests);
-  // Clears the line, so that what follows starts on a clean one.
+  // Clears the line, so that what follows starts on a clean one, and draws
+  // no more (the simulation may go on, for --check-rest).
   void Finish();
 
  private:
@@ -48,6 +49,7 @@ class ProgressDisplay : public sc_core::sc_module {
   std::chrono::steady_clock::time_point lastWake_;
   std::chrono::steady_clock::time_point lastDraw_;
   bool drawn_ = false;
+  bool finished_ = false;
 };
 
 }  // namespace Bench
