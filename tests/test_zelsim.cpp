@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <nlohmann/json.hpp>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 #include <string>
@@ -157,15 +157,19 @@ TEST(ZelsimCommandLine, HelpAndVersionEndAtOnce) {
 // the last of a single-valued option wins, and corrections are recorded in
 // their listed order, each once.
 TEST(ZelsimCommandLine, RepeatedOptionsKeepTheirMeaning) {
-  const char* argv[] = {"zelsim", "--set", "A=1", "--config", "f.ini", "--set=B=2", "--correct", "bank-ownership",
-                        "--correct=all", "--progress", "--no-progress", "--seed", "5", "--seed=6",
-                        "--no-config-guards"};
+  const char* argv[] = {"zelsim",     "--set",          "A=1",
+                        "--config",   "f.ini",          "--set=B=2",
+                        "--correct",  "bank-ownership", "--correct=all",
+                        "--progress", "--no-progress",  "--seed",
+                        "5",          "--seed=6",       "--no-config-guards"};
   Options options;
   std::string error;
   ASSERT_EQ(ParseCommandLine(sizeof argv / sizeof argv[0], argv, options, error), ParseStatus::Run) << error;
   ASSERT_EQ(options.sources.size(), 3u);
-  EXPECT_EQ(std::make_tuple(options.sources[0].isFile, options.sources[0].text), std::make_tuple(false, "A=1"));
-  EXPECT_EQ(std::make_tuple(options.sources[1].isFile, options.sources[1].text), std::make_tuple(true, "f.ini"));
+  EXPECT_EQ(std::make_tuple(options.sources[0].isFile, options.sources[0].text),
+            std::make_tuple(false, "A=1"));
+  EXPECT_EQ(std::make_tuple(options.sources[1].isFile, options.sources[1].text),
+            std::make_tuple(true, "f.ini"));
   EXPECT_EQ(options.sources[2].text, "B=2");
   EXPECT_EQ(options.corrections, CorrectionNames());
   EXPECT_EQ(options.progress, ProgressMode::Off);
@@ -442,8 +446,9 @@ TEST(ZelsimLatency, PercentilesStayWithinTheStatedError) {
   const std::vector<LatencyHistogram::Bucket> buckets = whole.Buckets();
   for (std::size_t b = 0; b < buckets.size(); ++b) {
     if (b > 0) EXPECT_EQ(buckets[b].lowPs, buckets[b - 1].highPs);
-    const auto inside = std::count_if(sorted.begin(), sorted.end(),
-                                      [&](uint64_t ps) { return ps >= buckets[b].lowPs && ps < buckets[b].highPs; });
+    const auto inside = std::count_if(sorted.begin(), sorted.end(), [&](uint64_t ps) {
+      return ps >= buckets[b].lowPs && ps < buckets[b].highPs;
+    });
     EXPECT_EQ(buckets[b].count, static_cast<uint64_t>(inside)) << buckets[b].lowPs;
     counted += buckets[b].count;
   }

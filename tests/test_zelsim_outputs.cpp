@@ -49,9 +49,9 @@ Outcome Shell(const zelsim_test::TempDir& dir, const std::string& shell) {
   zelsim_test::ClearModelEnvironment();
   const std::string out = dir.path + "/stdout.txt";
   const std::string err = dir.path + "/stderr.txt";
-  const int status = std::system(("cd " + Quoted(dir.path) + " && (" + shell + ") </dev/null >" + Quoted(out) +
-                                  " 2>" + Quoted(err))
-                                     .c_str());
+  const int status = std::system(
+      ("cd " + Quoted(dir.path) + " && (" + shell + ") </dev/null >" + Quoted(out) + " 2>" + Quoted(err))
+          .c_str());
   Outcome run;
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   run.out = zelsim_test::ReadFile(out);
@@ -165,15 +165,16 @@ TEST(ZelsimOutputs, PercentilesAndBandwidthMatchAHandComputation) {
     // Far enough apart for each request to be alone in the cube, after the
     // cube has granted the host its tokens.
     const uint64_t cycle = 100 + 400 * i;
-    trace << cycle << ' ' << kind.command << " 0x" << std::hex << i * 128 * 17 << std::dec << ' ' << bytes << '\n';
+    trace << cycle << ' ' << kind.command << " 0x" << std::hex << i * 128 * 17 << std::dec << ' ' << bytes
+          << '\n';
     if (std::string(kind.command) == "RD") bytesRead += bytes;
     if (std::string(kind.command).find("WR") != std::string::npos) bytesWritten += bytes;
     if (std::string(kind.command) != "P_WR") sentPs.push_back(800 + 1600 * cycle);
   }
   dir.Write("t.trace", trace.str());
   const Outcome run = Zelsim(dir, {"--set", "USE_TRACE=true", "--set", "TRACE_FILENAME_0=t.trace", "--set",
-                               "NUM_GENERATORS=1", "--set", "NUM_REQUESTS=40", "--set", "HOST_MAPPING=0", "--set",
-                               "SIM_TIME=0", "--responses", "r.txt", "--json", "r.json"});
+                                   "NUM_GENERATORS=1", "--set", "NUM_REQUESTS=40", "--set", "HOST_MAPPING=0",
+                                   "--set", "SIM_TIME=0", "--responses", "r.txt", "--json", "r.json"});
   ASSERT_EQ(run.status, 0) << run.err;
 
   // Lines: time in ps, link, flit. The tails of the responses, in order.
@@ -182,7 +183,8 @@ TEST(ZelsimOutputs, PercentilesAndBandwidthMatchAHandComputation) {
   for (const std::string& line : zelsim_test::Lines(zelsim_test::ReadFile(dir.path + "/r.txt"))) {
     const std::vector<std::string> words = Split(line, ' ');
     ASSERT_GE(words.size(), 3u) << line;
-    if (line.find("cmd:RD_RSP") == std::string::npos && line.find("cmd:WR_RSP") == std::string::npos) continue;
+    if (line.find("cmd:RD_RSP") == std::string::npos && line.find("cmd:WR_RSP") == std::string::npos)
+      continue;
     lastResponsePs = std::stoull(words[0]);
     if (line.find(" TAIL]") != std::string::npos) tailsPs.push_back(lastResponsePs);
   }
@@ -238,9 +240,9 @@ TEST(ZelsimOutputs, PercentilesAndBandwidthMatchAHandComputation) {
 // are the run's.
 TEST(ZelsimOutputs, TimelineRowsAddUpToTheRunsTotals) {
   zelsim_test::TempDir dir;
-  const Outcome run = Zelsim(dir, {"--set", "SIM_TIME=7000", "--set", "USE_ATOMICS=1", "--set",
-                               "ATOMICS_PERCENTAGE=20", "--set", "POSTED_WRITES=true", "--timeline", "t.csv",
-                               "--interval", "300", "--json", "t.json"});
+  const Outcome run = Zelsim(
+      dir, {"--set", "SIM_TIME=7000", "--set", "USE_ATOMICS=1", "--set", "ATOMICS_PERCENTAGE=20", "--set",
+            "POSTED_WRITES=true", "--timeline", "t.csv", "--interval", "300", "--json", "t.json"});
   ASSERT_EQ(run.status, 0) << run.err;
   const json results = ReadJson(dir.path + "/t.json");
   const std::vector<std::string> rows = zelsim_test::Lines(zelsim_test::ReadFile(dir.path + "/t.csv"));
@@ -264,7 +266,8 @@ TEST(ZelsimOutputs, TimelineRowsAddUpToTheRunsTotals) {
     }
     // The total's columns are the links' together.
     double completed = 0;
-    for (unsigned l = 0; l < 4; ++l) completed += std::stod(cells[column["link" + std::to_string(l) + "_completed"]]);
+    for (unsigned l = 0; l < 4; ++l)
+      completed += std::stod(cells[column["link" + std::to_string(l) + "_completed"]]);
     EXPECT_EQ(completed, std::stod(cells[column["all_completed"]])) << rows[r];
     last = cells;
   }
@@ -302,7 +305,8 @@ TEST(ZelsimOutputs, ReportSplitsTheOutputIntoTwoExactHalves) {
   EXPECT_NE(half.out.find("\nzelsim: rest state OK\n"), std::string::npos);
   EXPECT_NE(report.find("Sornak ZEL2 SystemC simulator"), std::string::npos);
   EXPECT_NE(report.find("== VSW"), std::string::npos);  // the state dump
-  EXPECT_NE(half.err.find("zelsim: the model's report is in '" + dir.path + "/model.txt'\n"), std::string::npos)
+  EXPECT_NE(half.err.find("zelsim: the model's report is in '" + dir.path + "/model.txt'\n"),
+            std::string::npos)
       << half.err;
 }
 
@@ -365,8 +369,8 @@ TEST(ZelsimOutputs, VcdHoldsOneVariableSetPerLinkAndDirection) {
   EXPECT_FALSE(definitions);
   EXPECT_TRUE(scope.empty());
 
-  const std::set<std::string> fields = {"tag",    "command",    "requestLength", "address", "header",
-                                        "tail",   "flitNumber", "returnTokens",  "flits"};
+  const std::set<std::string> fields = {"tag",  "command",    "requestLength", "address", "header",
+                                        "tail", "flitNumber", "returnTokens",  "flits"};
   ASSERT_EQ(variablesOf.size(), 8u);
   std::map<std::string, uint64_t> finalFlits;
   for (const auto& [id, name] : nameOf) {

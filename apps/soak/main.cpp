@@ -118,8 +118,8 @@ int ParseOptions(int argc, char** argv, SoakOptions& o) {
                                 "(the default)")
                        ->group(cases);
   auto* full = app.add_flag("--full", "every case of the matrix")->group(cases);
-  auto* sample =
-      AddNumber(app, "--sample", o.sample, "N cases drawn at random from the matrix (see --pick-seed)", cases);
+  auto* sample = AddNumber(app, "--sample", o.sample,
+                           "N cases drawn at random from the matrix (see --pick-seed)", cases);
   AddNumber(app, "--pick-seed", o.pickSeed, "seed of the --sample draw (default 1)", cases);
   std::vector<std::string> only;
   app.add_option("--only", only, "keep one setting of a dimension; repeatable")
@@ -146,8 +146,8 @@ int ParseOptions(int argc, char** argv, SoakOptions& o) {
             "a percentage from 0 to 100")
       ->type_name("PCT");
   AddNumber(app, "--jobs", o.jobs, "runs at a time (default 1)", runs, 1, 64, "from 1 to 64");
-  AddNumber(app, "--timeout", o.timeoutSeconds, "wall-clock limit of one run in seconds (default 300)", runs, 1,
-            UINT64_MAX, "at least 1 second")
+  AddNumber(app, "--timeout", o.timeoutSeconds, "wall-clock limit of one run in seconds (default 300)", runs,
+            1, UINT64_MAX, "at least 1 second")
       ->type_name("S");
   app.add_option("--zelsim", o.zelsim, "the zelsim program (default: the one built with this)")
       ->type_name("PATH")
@@ -158,7 +158,8 @@ int ParseOptions(int argc, char** argv, SoakOptions& o) {
   app.add_flag("--list", o.list, "print the cases and their command lines, run nothing")->group(output);
   app.add_flag("--matrix", o.matrix, "print the dimensions and their settings, run nothing")->group(output);
   app.add_flag("--quiet", o.quiet, "no line per run, only failures and the figures")->group(output);
-  app.add_flag("--stop-on-failure", o.stopOnFailure, "stop starting runs after the first failure")->group(output);
+  app.add_flag("--stop-on-failure", o.stopOnFailure, "stop starting runs after the first failure")
+      ->group(output);
   app.add_flag("--allow-known", o.allowKnown,
                "a run stopped by a documented known issue of the model (see docs/reliability.md) is counted "
                "and shown, but is no failure")
@@ -291,11 +292,16 @@ void WriteFiguresJson(std::ostream& out, const Totals& t, const std::vector<Dime
   json["failed"] = t.failedCases;
   json["runs"] = t.runs;
   const RunFigures& r = t.requests;
-  json["requests"] = {{"issued", r.issued},           {"reads", r.reads},
-                      {"writes", r.writes},           {"atomics", r.atomics},
-                      {"posted", r.posted},           {"completed", r.completed},
-                      {"outstanding", r.outstanding}, {"request_flits", r.requestFlits},
-                      {"response_flits", r.responseFlits}, {"mismatches", r.mismatches}};
+  json["requests"] = {{"issued", r.issued},
+                      {"reads", r.reads},
+                      {"writes", r.writes},
+                      {"atomics", r.atomics},
+                      {"posted", r.posted},
+                      {"completed", r.completed},
+                      {"outstanding", r.outstanding},
+                      {"request_flits", r.requestFlits},
+                      {"response_flits", r.responseFlits},
+                      {"mismatches", r.mismatches}};
   Json failures = Json::object();
   for (unsigned f = 0; f < static_cast<unsigned>(Failure::Count); ++f) {
     const auto it = t.failures.find(static_cast<Failure>(f));
@@ -462,8 +468,8 @@ int SoakMain(int argc, char** argv) {
       const ChildResult& again = group.children[1]->Result();
       totals.runSeconds += again.seconds;
       ++totals.determinismChecks;
-      if (again.out != result.out || !SameResults(again.json, result.json) || again.exitCode != result.exitCode ||
-          again.signal != result.signal) {
+      if (again.out != result.out || !SameResults(again.json, result.json) ||
+          again.exitCode != result.exitCode || again.signal != result.signal) {
         deterministic = false;
         ++totals.determinismFailures;
       }

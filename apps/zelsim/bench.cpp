@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
@@ -217,7 +217,8 @@ int ReportDeadlock(Cube2in1Wrapper& wrapper, const LegalHost& host) {
 
 // What the host, the generators and the timeline found up to now, the end
 // of the run as the summary counts it.
-void CollectRun(const LegalHost& host, const GeneratorSource& source, Timeline* timeline, RunResults& results) {
+void CollectRun(const LegalHost& host, const GeneratorSource& source, Timeline* timeline,
+                RunResults& results) {
   results.endTimeNs = static_cast<double>(sc_core::sc_time_stamp().value()) / 1000;
   host.CollectResults(results);
   source.FillResults(results);
@@ -766,7 +767,8 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   for (const auto& output : outputs) {
     if (output.name.empty()) continue;
     output.file.open(output.name, std::ios::out | std::ios::trunc);
-    if (!output.file.is_open()) return Refuse(std::string("can't write ") + output.what + " file '" + output.name + "'");
+    if (!output.file.is_open())
+      return Refuse(std::string("can't write ") + output.what + " file '" + output.name + "'");
   }
   vcdProbe.close();
   ModelOutput modelOutput;
@@ -787,7 +789,6 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   results.numGenerators = planned.NUM_GENERATORS;
   results.numRequests = planned.NUM_REQUESTS;
   results.traces = planned.USE_TRACE;
-  results.restChecked = options.checkRest;
 
   // From here on the model writes: its start-up lines come as the cube is
   // built and its links are turned on.
@@ -872,15 +873,16 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   if (!deadlocked) {
     PrintSummary(std::cout, results);
     if (options.checkRest) {
-      for (const std::string& line : violations) std::cout << "zelsim: rest-state violation: " << line << '\n';
+      for (const std::string& line : violations)
+        std::cout << "zelsim: rest-state violation: " << line << '\n';
       if (violations.empty()) std::cout << "zelsim: rest state OK\n";
     }
     std::cout.flush();
     status = results.Mismatches() == 0 && violations.empty() ? kExitClean : kExitMismatch;
   }
   if (!options.reportFile.empty()) {
-    std::cerr << "zelsim: the model's report is in '" << std::filesystem::absolute(options.reportFile).string()
-              << "'" << std::endl;
+    std::cerr << "zelsim: the model's report is in '"
+              << std::filesystem::absolute(options.reportFile).string() << "'" << std::endl;
   }
 
   // Files that fail at the end turn a clean run into status 1.

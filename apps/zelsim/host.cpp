@@ -234,8 +234,9 @@ void LegalHost::PlanCycle(HostLink& link, std::vector<Flit*>& flits) {
   const uint64_t waited = cycle - link.owedSince;
   const uint64_t wait = setup.tokenReturnWait;
   const bool inputPathEmpty = link.requestTokens >= cfg.TOKENS_PER_LINK;
-  const bool tokensWaited = wait == 0 || waited >= 8 * wait ||
-                            (inputPathEmpty && (waited >= wait || link.responseTokensOwed >= cfg.MAX_TOKEN_RETURN));
+  const bool tokensWaited =
+      wait == 0 || waited >= 8 * wait ||
+      (inputPathEmpty && (waited >= wait || link.responseTokensOwed >= cfg.MAX_TOKEN_RETURN));
   if (budget > 0 && link.sending.empty() && link.responseTokensOwed > 0 && tokensWaited) {
     Flit* tokens = MakeTokenReturn(link.responseTokensOwed);
     link.stats.responseTokensReturned += link.responseTokensOwed;

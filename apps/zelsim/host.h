@@ -125,7 +125,7 @@ class LegalHost : public sc_core::sc_module {
     // with the tokens the link holds and the responses under way it makes up
     // BFM_TOKENS_PER_LINK, so the link's count never exceeds that limit.
     unsigned responseTokensOwed = 0;
-    uint64_t owedSince = 0;  // cycle in which responseTokensOwed last rose from zero
+    uint64_t owedSince = 0;                       // cycle in which responseTokensOwed last rose from zero
     std::deque<unsigned> freeTags;                // tags for non-posted requests
     std::map<unsigned, Outstanding> outstanding;  // by tag
     std::deque<Flit*> sending;                    // rest of the packet being sent

@@ -72,7 +72,8 @@ double LatencyHistogram::PercentilePs(unsigned perMille) const {
     if (seen < rank || counts_[b] == 0) continue;
     // The middle of the picoseconds the bucket holds; the smallest and the
     // largest latency are known exactly and bound it.
-    const double middle = (static_cast<double>(BucketLowPs(b)) + static_cast<double>(BucketHighPs(b) - 1)) / 2;
+    const double middle =
+        (static_cast<double>(BucketLowPs(b)) + static_cast<double>(BucketHighPs(b) - 1)) / 2;
     return std::min(std::max(middle, static_cast<double>(min_)), static_cast<double>(max_));
   }
   return 0;

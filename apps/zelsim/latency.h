@@ -33,7 +33,7 @@ class LatencyHistogram {
   uint64_t Count() const { return count_; }
   uint64_t MinPs() const { return min_; }  // 0 when empty
   uint64_t MaxPs() const { return max_; }
-  double MeanPs() const;                   // 0 when empty
+  double MeanPs() const;  // 0 when empty
 
   // The latency below or at which `perMille` thousandths of the requests
   // fall, by nearest rank: the value of rank ceil(perMille x count / 1000)

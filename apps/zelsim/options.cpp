@@ -378,7 +378,8 @@ void DefineOptions(CLI::App& app, Options& options, Collected& c) {
             [&options](uint64_t n) { options.seed = n; })
       ->group(run);
   AddNumber(app, "--cube-size", "ENC", "Cube size encoding 0, 1 or 2 (2, 4 or 8 GB)", 2,
-            "0, 1 or 2 (2, 4 or 8 GB)", any, [&options](uint64_t n) { options.cubeSize = static_cast<int>(n); })
+            "0, 1 or 2 (2, 4 or 8 GB)", any,
+            [&options](uint64_t n) { options.cubeSize = static_cast<int>(n); })
       ->group(run);
   AddNumber(
       app, "--link-rate", "RATE", "Link rate 40, 50 or 60 (10, 12.5 or 15 Gb/s per lane)", 60, "40, 50 or 60",
@@ -389,16 +390,15 @@ void DefineOptions(CLI::App& app, Options& options, Collected& c) {
       app, "--lanes", "N", "Lanes of every link", 128, "a lane count from 1 to 128",
       [](uint64_t n) { return n != 0; }, [&options](uint64_t n) { options.lanes = static_cast<unsigned>(n); })
       ->group(run);
-  AddFlag(app, "--check-rest", options.checkRest, "After the run, drain the cube and check that it is at rest")
+  AddFlag(app, "--check-rest", options.checkRest,
+          "After the run, drain the cube and check that it is at rest")
       ->group(run);
   // Up to 1000 s, which a time of picoseconds holds with room to spare.
-  AddNumber(app, "--deadlock-timeout", "NS",
-            "Deadlocked after NS ns without a flit moving (100000; 0: off)",
+  AddNumber(app, "--deadlock-timeout", "NS", "Deadlocked after NS ns without a flit moving (100000; 0: off)",
             1000000000000ull, "a number of nanoseconds up to 10^12 (0: off)", any,
             [&options](uint64_t n) { options.deadlockTimeoutNs = n; })
       ->group(run);
-  AddNumber(app, "--token-return-wait", "CYCLES",
-            "Core cycles response tokens wait for a request tail (0)",
+  AddNumber(app, "--token-return-wait", "CYCLES", "Core cycles response tokens wait for a request tail (0)",
             1000000, "a number of core cycles up to 1000000", any,
             [&options](uint64_t n) { options.tokenReturnWait = static_cast<unsigned>(n); })
       ->group(run);
@@ -421,24 +421,22 @@ void DefineOptions(CLI::App& app, Options& options, Collected& c) {
 
   const std::string output = "Output";
   AddFile(app, "--json", options.jsonFile, "Write the results as JSON to FILE")->group(output);
-  AddFile(app, "--report", options.reportFile,
-          "Write the model's own text to FILE, not to standard output")
+  AddFile(app, "--report", options.reportFile, "Write the model's own text to FILE, not to standard output")
       ->group(output);
-  AddFile(app, "--timeline", options.timelineFile, "Write a CSV row per interval to FILE")
-      ->group(output);
+  AddFile(app, "--timeline", options.timelineFile, "Write a CSV row per interval to FILE")->group(output);
   AddNumber(
       app, "--interval", "NS", "Interval of the timeline in ns (default 1000)", 1000000000000ull,
       "a number of nanoseconds from 1 to 10^12", [](uint64_t n) { return n != 0; },
       [&options](uint64_t n) { options.intervalNs = n; })
       ->group(output);
-  AddFile(app, "--vcd", options.vcdFile, "Write a VCD of the links' signals to FILE")
-      ->group(output);
+  AddFile(app, "--vcd", options.vcdFile, "Write a VCD of the links' signals to FILE")->group(output);
   AddFile(app, "--responses", options.responsesFile, "Write a line per flit the host takes to FILE")
       ->group(output);
   c.progressOn = AddFlag(app, "--progress", c.showProgress, "Show progress on standard error")->group(output);
-  c.progressOff = AddFlag(app, "--no-progress", c.hideProgress, "Don't (default: only on a terminal)")
-                      ->group(output);
-  AddFlag(app, "--dump-state", options.dumpState, "Print the cube's state at the end of the run")->group(output);
+  c.progressOff =
+      AddFlag(app, "--no-progress", c.hideProgress, "Don't (default: only on a terminal)")->group(output);
+  AddFlag(app, "--dump-state", options.dumpState, "Print the cube's state at the end of the run")
+      ->group(output);
 }
 
 }  // namespace
@@ -461,8 +459,8 @@ ParseStatus ParseCommandLine(int argc, const char* const* argv, Options& options
   }
   const std::vector<std::string> extras = app.remaining();
   if (!extras.empty()) {
-    error = (extras.front().rfind('-', 0) == 0 ? "unknown option '" : "unexpected argument '") + extras.front() +
-            "' (try --help)";
+    error = (extras.front().rfind('-', 0) == 0 ? "unknown option '" : "unexpected argument '") +
+            extras.front() + "' (try --help)";
     return ParseStatus::Error;
   }
   // --config and --set in the order they stand on the command line, and

@@ -83,12 +83,12 @@ enum class ProgressMode { Auto, On, Off };
 struct Options {
   std::vector<ConfigSource> sources;
   uint64_t seed = 1;
-  std::string jsonFile;       // empty: no JSON
-  std::string reportFile;     // the model's own text goes there; empty: to standard output
-  std::string timelineFile;   // empty: no timeline
+  std::string jsonFile;        // empty: no JSON
+  std::string reportFile;      // the model's own text goes there; empty: to standard output
+  std::string timelineFile;    // empty: no timeline
   uint64_t intervalNs = 1000;  // of the timeline
-  std::string vcdFile;        // empty: no VCD of the links
-  std::string responsesFile;  // empty: no log of the flits taken
+  std::string vcdFile;         // empty: no VCD of the links
+  std::string responsesFile;   // empty: no log of the flits taken
   ProgressMode progress = ProgressMode::Auto;
   // The corrections asked for, `all` expanded, in the order of
   // CorrectionNames(), each once.

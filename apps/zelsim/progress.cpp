@@ -42,7 +42,8 @@ std::string ProgressLine(const sc_core::sc_time& now, const sc_core::sc_time& si
   if (wallSeconds > 0) line += ", " + Format("%.0f", nowUs * 1000 / wallSeconds) + " ns/s";
   double done = 0;
   if (simTime != sc_core::SC_ZERO_TIME) done = now / simTime;
-  if (plannedRequests != 0) done = std::max(done, static_cast<double>(made) / static_cast<double>(plannedRequests));
+  if (plannedRequests != 0)
+    done = std::max(done, static_cast<double>(made) / static_cast<double>(plannedRequests));
   done = std::min(done, 1.0);
   if (done > 0) {
     line += Format(", %.0f %%", 100 * done);
@@ -73,7 +74,8 @@ void ProgressDisplay::Tick() {
   if (finished_) return;  // and never wakes again
   if (sc_core::sc_time_stamp() != sc_core::SC_ZERO_TIME) {
     const double factor = std::clamp(kWakeSeconds / std::max(Seconds(now - lastWake_), 1e-9), 0.5, 2.0);
-    step_ = std::clamp(step_ * factor, sc_core::sc_time(1, sc_core::SC_NS), sc_core::sc_time(1, sc_core::SC_MS));
+    step_ =
+        std::clamp(step_ * factor, sc_core::sc_time(1, sc_core::SC_NS), sc_core::sc_time(1, sc_core::SC_MS));
     if (!drawn_ || Seconds(now - lastDraw_) >= kRedrawSeconds) {
       uint64_t made = 0;
       for (const LegalHost::RequestQueue& queue : host_.queues) made += queue.stats.generated;

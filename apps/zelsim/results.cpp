@@ -49,7 +49,8 @@ void PrintKindRow(std::ostream& out, const char* kind, const LatencyHistogram& l
   out << '\n';
 }
 
-void PrintLinkTable(std::ostream& out, const std::string& name, const LinkResults& r, const LinkRates& rates) {
+void PrintLinkTable(std::ostream& out, const std::string& name, const LinkResults& r,
+                    const LinkRates& rates) {
   out << '\n'
       << name << ": " << r.issued << " requests issued, " << r.completed << " completed, " << r.posted
       << " posted, " << r.outstanding << " open\n"
@@ -105,8 +106,8 @@ Json LatencyJson(const LatencyHistogram& histogram) {
   const LatencySummary s = Summarise(histogram);
   Json latency = Json::object();
   latency["count"] = s.count;
-  const std::pair<const char*, double> figures[] = {{"min", s.minNs}, {"mean", s.meanNs}, {"p50", s.p50Ns},
-                                                    {"p90", s.p90Ns}, {"p95", s.p95Ns},   {"p99", s.p99Ns},
+  const std::pair<const char*, double> figures[] = {{"min", s.minNs},   {"mean", s.meanNs}, {"p50", s.p50Ns},
+                                                    {"p90", s.p90Ns},   {"p95", s.p95Ns},   {"p99", s.p99Ns},
                                                     {"p999", s.p999Ns}, {"max", s.maxNs}};
   for (const auto& [name, ns] : figures) latency[name] = s.count == 0 ? Json() : Json(ns);
   Json bounds = Json::array();
@@ -214,7 +215,8 @@ void PrintSummary(std::ostream& out, const RunResults& results) {
       << Fixed(trafficNs, 1) << " ns\n";
   for (const LinkResults& r : results.links) {
     if (!r.CarriedTraffic()) continue;
-    PrintLinkTable(out, "Link " + std::to_string(r.link), r, RatesOf(r, trafficNs, CapacityOf({r}, trafficNs)));
+    PrintLinkTable(out, "Link " + std::to_string(r.link), r,
+                   RatesOf(r, trafficNs, CapacityOf({r}, trafficNs)));
   }
   PrintLinkTable(out, "All links", total, RatesOf(total, trafficNs, CapacityOf(results.links, trafficNs)));
   out << '\n';
@@ -253,7 +255,8 @@ void WriteJson(std::ostream& out, const RunResults& results, const Config& cfg) 
     links.push_back(link);
   }
   json["links"] = links;
-  json["total"] = LinkJson(results.Total(), RatesOf(results.Total(), trafficNs, CapacityOf(results.links, trafficNs)));
+  json["total"] =
+      LinkJson(results.Total(), RatesOf(results.Total(), trafficNs, CapacityOf(results.links, trafficNs)));
   Json generators = Json::array();
   for (const GeneratorResults& g : results.generators) {
     generators.push_back(

@@ -32,7 +32,7 @@ std::string Number(double value, const char* format) {
   return text;
 }
 
-const char* const kColumns[] = {"completed", "bytes_read", "bytes_written", "read_gbps",
+const char* const kColumns[] = {"completed",  "bytes_read", "bytes_written", "read_gbps",
                                 "write_gbps", "mean_ns",    "p99_ns",        "outstanding"};
 
 }  // namespace
