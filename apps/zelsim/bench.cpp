@@ -834,7 +834,8 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   ProgressDisplay* progress = nullptr;
   if (options.progress == ProgressMode::On ||
       (options.progress == ProgressMode::Auto && isatty(STDERR_FILENO) != 0)) {
-    progress = new ProgressDisplay("progress", *host, std::cerr, cfg.SIM_TIME, plannedRequests);
+    progress = new ProgressDisplay(*host, std::cerr, cfg.SIM_TIME, plannedRequests);
+    host->observers.push_back(progress);
   }
 
   const auto wallStart = std::chrono::steady_clock::now();

@@ -196,6 +196,7 @@ void LegalHost::HostThread() {
       return;
     }
     if (setup.pauseWhenDrained) PauseAtDrain();
+    for (HostObserver* observer : observers) observer->CycleDone(cycle);
     ++cycle;
     wait(CycleDelay(cfg, 1));
   }

@@ -60,6 +60,11 @@ class HostObserver {
   // `latency`), false when the host counted a mismatch.
   virtual void RequestAnswered(unsigned /*link*/, const Request& /*request*/, bool /*matched*/,
                                const sc_core::sc_time& /*latency*/) {}
+  // The host has written the flits of core cycle `cycle`. It wakes once per
+  // cycle anyway, so an observer that wants to look at the run now and then
+  // (a progress display) needs no process or event of its own, which would
+  // change the order of the kernel's events at equal times.
+  virtual void CycleDone(uint64_t /*cycle*/) {}
 };
 
 // What the host asks of the wrapper's setters before it turns the links on.

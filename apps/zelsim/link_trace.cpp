@@ -25,6 +25,10 @@ LinkVcd::LinkVcd(const std::string& path, unsigned links)
       responses_(links) {
   // The kernel adds the suffix to the name it is given.
   file_ = sc_core::sc_create_vcd_trace_file(written_.substr(0, written_.size() - kVcdSuffix.size()).c_str());
+  // Picoseconds, the kernel's resolution, whatever the default; the kernel
+  // would tell so on standard output, among the model's text.
+  sc_core::sc_report_handler::set_actions("tracing timescale unit set", sc_core::SC_INFO,
+                                          sc_core::SC_DO_NOTHING);
   file_->set_time_unit(1, sc_core::SC_PS);
   for (unsigned link = 0; link < links; ++link) {
     Trace(requests_[link], "link" + std::to_string(link) + ".request");

@@ -53,42 +53,36 @@ std::string ProgressLine(const sc_core::sc_time& now, const sc_core::sc_time& si
   return line;
 }
 
-ProgressDisplay::ProgressDisplay(sc_core::sc_module_name name, const LegalHost& host, std::ostream& out,
-                                 const sc_core::sc_time& simTime, uint64_t plannedRequests)
-    : sc_module(name),
-      host_(host),
+ProgressDisplay::ProgressDisplay(const LegalHost& host, std::ostream& out, const sc_core::sc_time& simTime,
+                                 uint64_t plannedRequests)
+    : host_(host),
       out_(out),
       simTime_(simTime),
       planned_(plannedRequests),
-      step_(100, sc_core::SC_NS),
       start_(Clock::now()),
-      lastWake_(start_),
-      lastDraw_(start_) {
-  SC_METHOD(Tick);
-}
+      lastCheck_(start_),
+      lastDraw_(start_) {}
 
-void ProgressDisplay::Tick() {
+void ProgressDisplay::CycleDone(uint64_t cycle) {
+  if (finished_ || cycle < nextCheck_) return;
   const Clock::time_point now = Clock::now();
-  // Scale the step towards kWakeSeconds of wall time, by at most a factor of
-  // 2 each time, between 1 ns and 1 ms of simulated time.
-  if (finished_) return;  // and never wakes again
-  if (sc_core::sc_time_stamp() != sc_core::SC_ZERO_TIME) {
-    const double factor = std::clamp(kWakeSeconds / std::max(Seconds(now - lastWake_), 1e-9), 0.5, 2.0);
-    step_ =
-        std::clamp(step_ * factor, sc_core::sc_time(1, sc_core::SC_NS), sc_core::sc_time(1, sc_core::SC_MS));
-    if (!drawn_ || Seconds(now - lastDraw_) >= kRedrawSeconds) {
-      uint64_t made = 0;
-      for (const LegalHost::RequestQueue& queue : host_.queues) made += queue.stats.generated;
-      out_ << '\r'
-           << ProgressLine(sc_core::sc_time_stamp(), simTime_, host_.Completed(), made, planned_,
-                           Seconds(now - start_))
-           << "\033[K" << std::flush;
-      drawn_ = true;
-      lastDraw_ = now;
-    }
+  // Scale the stride towards kWakeSeconds of wall time, by at most a factor
+  // of 2 each time.
+  if (cycle != 0) {
+    const double factor = std::clamp(kWakeSeconds / std::max(Seconds(now - lastCheck_), 1e-9), 0.5, 2.0);
+    stride_ = std::clamp<uint64_t>(static_cast<uint64_t>(static_cast<double>(stride_) * factor), 1, 1u << 24);
   }
-  lastWake_ = now;
-  next_trigger(step_);
+  nextCheck_ = cycle + stride_;
+  lastCheck_ = now;
+  if (drawn_ && Seconds(now - lastDraw_) < kRedrawSeconds) return;
+  uint64_t made = 0;
+  for (const LegalHost::RequestQueue& queue : host_.queues) made += queue.stats.generated;
+  out_ << '\r'
+       << ProgressLine(sc_core::sc_time_stamp(), simTime_, host_.Completed(), made, planned_,
+                       Seconds(now - start_))
+       << "\033[K" << std::flush;
+  drawn_ = true;
+  lastDraw_ = now;
 }
 
 void ProgressDisplay::Finish() {
