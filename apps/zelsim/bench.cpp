@@ -804,6 +804,11 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
     // Modules live as long as the process, as the model's own do.
     wrapper = new Cube2in1Wrapper("wrapper");
   }
+  // --correct adds to what LIBZEL_CORRECTIONS chose; the JSON names all that are on.
+  Corrections corrections = wrapper->cube->cfg.corrections;
+  for (const std::string& name : options.corrections) corrections.Enable(name);
+  wrapper->setCorrections(corrections);
+  results.corrections = corrections.List();
   const Config& cfg = wrapper->cube->cfg;
   const unsigned links = static_cast<unsigned>(wrapper->drivers.size());
 

@@ -261,7 +261,8 @@ bool CheckTokenVariables(std::string& error) {
 // ---- Command line ------------------------------------------------------------
 
 const std::vector<std::string>& CorrectionNames() {
-  static const std::vector<std::string> names = {"smoothing-stall", "bank-ownership"};
+  static const std::vector<std::string> names(Corrections::AllNames(),
+                                              Corrections::AllNames() + Corrections::kCount);
   return names;
 }
 
