@@ -66,6 +66,7 @@ struct SoakOptions {
   bool quiet = false;
   bool stopOnFailure = false;
   bool allowKnown = false;
+  std::vector<std::string> corrections;  // passed to every run as --correct NAME
   std::string jsonFile;
 };
 
@@ -149,6 +150,21 @@ int ParseOptions(int argc, char** argv, SoakOptions& o) {
   AddNumber(app, "--timeout", o.timeoutSeconds, "wall-clock limit of one run in seconds (default 300)", runs,
             1, UINT64_MAX, "at least 1 second")
       ->type_name("S");
+  app.add_option("--correct", o.corrections,
+                 "run the model with this correction of a known fault (a known fault's name, or all); "
+                 "repeatable")
+      ->type_name("NAME")
+      ->type_size(1)
+      ->allow_extra_args(false)
+      ->check(CLI::Validator(
+          [](std::string& name) {
+            if (name == "all") return std::string();
+            for (const KnownIssue& issue : KnownIssues())
+              if (name == issue.id) return std::string();
+            return "unknown correction '" + name + "'";
+          },
+          "NAME"))
+      ->group(runs);
   app.add_option("--zelsim", o.zelsim, "the zelsim program (default: the one built with this)")
       ->type_name("PATH")
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
@@ -231,6 +247,39 @@ std::string Fixed(double value, int digits) {
   std::ostringstream s;
   s << std::fixed << std::setprecision(digits) << value;
   return s.str();
+}
+
+// Runs the reproducer of every known fault once, before the matrix. Without
+// its correction the run must end with that fault, so that the reference
+// mode shows each fault even where the matrix doesn't meet it; with its
+// correction the run must be clean. Prints a line per fault and returns how
+// many reproducers did not behave so.
+unsigned CheckReproducers(const SoakOptions& o, const std::string& workDir) {
+  unsigned wrong = 0;
+  const bool all = std::find(o.corrections.begin(), o.corrections.end(), "all") != o.corrections.end();
+  for (const KnownIssue& issue : KnownIssues()) {
+    const bool corrected =
+        all || std::find(o.corrections.begin(), o.corrections.end(), issue.id) != o.corrections.end();
+    std::vector<std::string> argv;
+    std::istringstream words(issue.reproducer);
+    for (std::string word; words >> word;) argv.push_back(argv.empty() ? o.zelsim : word);
+    argv.push_back("--check-rest");
+    for (const std::string& name : o.corrections) argv.insert(argv.end(), {"--correct", name});
+    const std::string name = std::string("reproducer-") + issue.id;
+    argv.insert(argv.end(), {"--json", workDir + "/" + name + ".json"});
+    Child child(argv, workDir, name, o.timeoutSeconds);
+    child.Start();
+    while (!child.Poll()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const Outcome outcome = Judge(child.Result(), argv);
+    const bool ok = corrected ? outcome.Passed() : outcome.knownIssue == issue.id;
+    if (!ok) ++wrong;
+    std::cout << "known fault " << issue.id << ": its reproducer "
+              << (corrected ? (ok ? "runs clean with the correction" : "FAILS with the correction")
+                            : (ok ? std::string("shows it (") + FailureName(issue.failure) + ")"
+                                  : std::string("does NOT show it")))
+              << "\n  " << ShellLine(argv) << '\n';
+  }
+  return wrong;
 }
 
 void PrintFigures(std::ostream& out, const Totals& t, const std::vector<Dimension>& dims, double wallSeconds,
@@ -393,6 +442,7 @@ int SoakMain(int argc, char** argv) {
   auto argvOf = [&](const Run& r) {
     std::vector<std::string> argv = {o.zelsim, "--check-rest", "--set",
                                      "SIM_TIME=" + std::to_string(o.timeNs)};
+    for (const std::string& name : o.corrections) argv.insert(argv.end(), {"--correct", name});
     for (const std::string& k : o.extraKeys) {
       argv.push_back("--set");
       argv.push_back(k);
@@ -425,6 +475,7 @@ int SoakMain(int argc, char** argv) {
             << " in the matrix; " << o.timeNs << " ns of traffic each; " << o.determinismPercent
             << "% run twice\n"
             << std::flush;
+  const unsigned wrongReproducers = CheckReproducers(o, workDir);
 
   Totals totals;
   totals.coverage.resize(dims.size());
@@ -595,7 +646,7 @@ int SoakMain(int argc, char** argv) {
       std::cout << "Known issue " << issue.id << ": " << issue.summary << "\n  reproducer: " << issue.reproducer
                 << "\n  --correct " << issue.id << " removes it (docs/corrections.md)\n";
   }
-  const bool clean = totals.failedCases == 0 && totals.cases == totalCases;
+  const bool clean = totals.failedCases == 0 && totals.cases == totalCases && wrongReproducers == 0;
   if (!clean) {
     std::cout << "zelsim-soak: FAILURES, see above\n";
   } else if (!totals.knownIssues.empty()) {
