@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc)
 PACKAGES := cmake g++ make pkg-config libsystemc-dev libgtest-dev git libcli11-dev nlohmann-json3-dev bsdutils
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=Release
 
-.PHONY: all deps configure build run test bench test-sanitize soak install clean
+.PHONY: all deps configure build run test bench diff-check test-sanitize soak install clean
 
 all: build
 
@@ -105,6 +105,17 @@ fuzz:
 BENCH_ARGS ?=
 bench: build
 	$(BUILD_DIR)/bench/run_bench --json bench/results.json $(BENCH_ARGS)
+
+# The differential check: builds REF in a scratch worktree (build-diff/, its
+# build kept while REF is the same) and the working tree, runs both zelsim
+# programs over 200 configurations of the soak's matrix and compares all they
+# print and write byte for byte (docs/performance.md). DIFF_ARGS adds
+# options, e.g. DIFF_ARGS="--cases 20" (bench/diff_check.py --help).
+REF ?=
+DIFF_ARGS ?=
+diff-check: configure
+	@if [ -z "$(REF)" ]; then echo "make diff-check: name the reference, e.g. REF=main"; exit 2; fi
+	python3 bench/diff_check.py --ref "$(REF)" --jobs $(JOBS) --build-dir $(BUILD_DIR) $(DIFF_ARGS)
 
 install: build
 	cmake --install $(BUILD_DIR)
