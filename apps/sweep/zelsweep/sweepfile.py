@@ -91,26 +91,35 @@ class _Source:
         self.lines = text.splitlines()
 
     def line_of(self, table, key=None):
+        """The line of `key` in `table`, else of the table `key` (written as
+        a header of its own), else of `table` itself."""
         table = tuple(table)
+        if key is not None:
+            return self._find(table, key) or self._find((*table, key)) or self._find(table)
+        return self._find(table)
+
+    def _find(self, table, key=None):
+        """The line of `key = ...` in `table`; without a key, the table's
+        header, or its `name = { ... }` line when it is written inline."""
         current = ()
-        header_line = None
         for number, line in enumerate(self.lines, 1):
             header = self.HEADER.match(line)
             if header:
                 current = tuple(p.strip().strip('"') for p in header.group(1).split("."))
-                if current == table:
-                    header_line = number
-                continue
-            if key is not None and current == table:
-                assign = self.ASSIGN.match(line)
-                if assign and assign.group(2) == key:
+                if key is None and current == table:
                     return number
-            # A table written inline under its parent: `name = { ... }`.
-            if table and current == table[:-1]:
-                assign = self.ASSIGN.match(line)
-                if assign and assign.group(2) == table[-1]:
-                    header_line = header_line or number
-        return header_line
+                continue
+            if key is not None:
+                wanted = (current, key) == (table, self._key(line))
+            else:
+                wanted = bool(table) and current == table[:-1] and self._key(line) == table[-1]
+            if wanted:
+                return number
+        return None
+
+    def _key(self, line):
+        assign = self.ASSIGN.match(line)
+        return assign.group(2) if assign else None
 
     def error(self, message, table=(), key=None):
         line = self.line_of(table, key)
