@@ -26,17 +26,25 @@ printf 'NUM_QUADS = 2\n' > "$scratch/one.ini"
 test "$(grep -c "^\[" "$scratch/set.txt")" -eq 1
 grep -qx "\[\*\] \[unsigned\]: 'NUM_QUADS'=2" "$scratch/set.txt"
 
-# find_package
+# find_package, in a Release build as most users make it: NDEBUG is defined
+# and the installed headers must compile all the same.
 mkdir -p "$scratch/host"
+cat > "$scratch/host/release_check.cpp" <<'CPP'
+#ifndef NDEBUG
+#error "this host is meant to be built with NDEBUG"
+#endif
+#include "zel2/zelsim.h"
+CPP
 cat > "$scratch/host/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.16)
 project(host CXX)
 set(CMAKE_CXX_STANDARD 17)
 find_package(zelsim REQUIRED)
-add_executable(minimal_host "$source_dir/examples/minimal_host.cpp")
+add_executable(minimal_host "$source_dir/examples/minimal_host.cpp" release_check.cpp)
 target_link_libraries(minimal_host PRIVATE zelsim::zelsim)
 CMAKE
-cmake -S "$scratch/host" -B "$scratch/host/build" -DCMAKE_PREFIX_PATH="$scratch/prefix" >/dev/null
+cmake -S "$scratch/host" -B "$scratch/host/build" -DCMAKE_BUILD_TYPE=Release \
+  -DCMAKE_PREFIX_PATH="$scratch/prefix" >/dev/null
 cmake --build "$scratch/host/build" >/dev/null
 (cd "$scratch" && env -u LIBZEL_CONFIG_FILE "$scratch/host/build/minimal_host") > "$scratch/host.txt"
 grep -q "read response for tag 1" "$scratch/host.txt"

@@ -29,7 +29,7 @@ struct CubeHarness {
   }
 };
 
-void ElaborateAndRun(unsigned quads) {
+zel2_cube& ElaborateAndRun(unsigned quads) {
   zelsim_test::ClearModelEnvironment();
   Config& cfg = *new Config();
   cfg.NUM_QUADS = cfg.NUM_LINKS = quads;
@@ -46,6 +46,7 @@ void ElaborateAndRun(unsigned quads) {
     EXPECT_EQ(std::string(cube.quads[q]->slices[1]->basename()), "slice" + std::to_string(4 * q + 1));
     EXPECT_EQ(cube.quads[q]->slices[1]->id, 4 * q + 1);
   }
+  return cube;
 }
 
 }  // namespace
@@ -53,6 +54,11 @@ void ElaborateAndRun(unsigned quads) {
 // The golden outputs run the four quads of the default shape.
 TEST(CubeStructure, ElaboratesWithOneQuad) { ElaborateAndRun(1); }
 TEST(CubeStructure, ElaboratesWithTwoQuads) { ElaborateAndRun(2); }
+// Links above 3 have no width key: they run with link 3's lanes.
+TEST(CubeStructure, ElaboratesWithEightQuadsWhoseUpperLinksTakeLinkThreesLanes) {
+  zel2_cube& cube = ElaborateAndRun(8);
+  for (unsigned q = 4; q < 8; ++q) EXPECT_EQ(cube.quads[q]->link->flitRate, cube.quads[3]->link->flitRate);
+}
 
 TEST(CubeClock, TogglesWithTheCorePeriod) {
   zelsim_test::ClearModelEnvironment();

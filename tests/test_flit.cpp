@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "test_support.h"
+#include "zel2/zel2_atomics_extension.h"
 #include "zel2/zel2_flit.h"
 #include "zel2/zel2_utils.h"
 
@@ -77,7 +78,7 @@ TEST(FlitPrinting, RareForms) {
 TEST(FlitHandle, NumbersComparisonAndTokens) {
   Flit* flit = new Flit(1, 0, RD, 16, true, true, 1);
   Flit_P a(flit);
-  Flit_P b(flit);
+  Flit_P b = flit;  // hosts convert a flit to its handle plainly
   EXPECT_EQ(b.handleId, a.handleId + 1);
   EXPECT_FALSE(a == b);  // so that a signal sees every new handle to the same flit
   EXPECT_TRUE(*a == *b);
@@ -91,6 +92,9 @@ TEST(FlitHandle, NumbersComparisonAndTokens) {
   EXPECT_EQ(tail.GetNumReturnTokens(), 3u);
   Flit_P header(1, 0, WR, 16, true, false, 1);
   EXPECT_DIES_SAYING(header.AttachTokens(1), "(*flit).tail");
+
+  const zel2_atomics_extension atomic = ADD16;  // plain conversion, as for the handle
+  EXPECT_EQ(atomic.command, ADD16);
 }
 
 // Assignment keeps the target's host tag and mark; the copy constructor

@@ -111,6 +111,10 @@ void Cube2in1Wrapper::setDramTracingEn(unsigned enable) {
             << std::endl;
 }
 
+void Cube2in1Wrapper::setCorrections(const Sornak::Internal::ZEL2::Corrections& corrections) {
+  cube->setCorrections(corrections);
+}
+
 void Cube2in1Wrapper::setRefreshEn(unsigned enable) {
   config().REFRESH_ENABLED = enable != 0;
   std::cout << sc_time_stamp() << ": SYSTEMC CONFIG CHANGE: setting refresh enable=" << enable << std::endl;

@@ -44,6 +44,9 @@ class Cube2in1Wrapper : public sc_core::sc_module {
   void setTj(unsigned temperature);
   void setDramTracingEn(unsigned enable);
   void setRefreshEn(unsigned enable);
+  // Turns on the corrections of the model's known faults; before the
+  // simulation starts only (see zel2_cube::setCorrections).
+  void setCorrections(const Sornak::Internal::ZEL2::Corrections& corrections);
   std::deque<Flit_P>& getPendingResponseQueue(unsigned link);
   sc_core::sc_event& getResponseWaitingEvent(unsigned link);
   void tokenAdjustment(unsigned link, int delta);

@@ -21,6 +21,58 @@ void PrintValue(std::ostream& out, float value) { out << static_cast<double>(val
 
 }  // namespace
 
+// ---- Corrections
+
+namespace {
+const char* const kCorrectionNames[Corrections::kCount] = {"smoothing-stall", "bank-ownership"};
+}  // namespace
+
+const char* const* Corrections::AllNames() { return kCorrectionNames; }
+
+std::string Corrections::Names() const {
+  const bool on[kCount] = {smoothingStall, bankOwnership};
+  std::string names;
+  for (unsigned i = 0; i < kCount; ++i) {
+    if (!on[i]) continue;
+    if (!names.empty()) names += ", ";
+    names += kCorrectionNames[i];
+  }
+  return names;
+}
+
+bool Corrections::Enable(const std::string& name) {
+  if (name == "all") {
+    smoothingStall = bankOwnership = true;
+  } else if (name == kCorrectionNames[0]) {
+    smoothingStall = true;
+  } else if (name == kCorrectionNames[1]) {
+    bankOwnership = true;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool Corrections::EnableList(const std::string& list, std::string& unknown) {
+  Corrections chosen = *this;
+  std::size_t start = 0;
+  while (start <= list.size()) {
+    std::size_t end = list.find(',', start);
+    if (end == std::string::npos) end = list.size();
+    const std::string name = strip(list.substr(start, end - start), " \t");
+    start = end + 1;
+    if (name.empty()) continue;
+    if (!chosen.Enable(name)) {
+      unknown = name;
+      return false;
+    }
+  }
+  *this = chosen;
+  return true;
+}
+
+// ---- Record
+
 // Making the 1 ps time below fixes the simulator's time resolution, as any
 // sc_time made from a unit does; the defaults are scaled at that resolution.
 Config::Config()
@@ -56,6 +108,19 @@ void Config::print(std::ostream& out, bool onlySetKeys) const {
 }
 
 sc_core::sc_time Config::NextCoreEdgeDelay() const { return NextEdgeDelay(CORE_CLK, ticksPerPs); }
+
+unsigned Config::LinkWidth(unsigned link) const {
+  switch (link) {
+    case 0:
+      return LINK_0_WIDTH;
+    case 1:
+      return LINK_1_WIDTH;
+    case 2:
+      return LINK_2_WIDTH;
+    default:
+      return LINK_3_WIDTH;
+  }
+}
 
 }  // namespace ZEL2
 }  // namespace Internal

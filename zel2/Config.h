@@ -185,6 +185,36 @@ inline constexpr unsigned NUM_CONFIG_KEYS = 0 ZEL_CONFIG_KEYS(ZEL_CONFIG_COUNT_K
 #undef ZEL_CONFIG_COUNT_KEY
 static_assert(NUM_CONFIG_KEYS == 141, "the record holds 141 keys");
 
+// Opt-in corrections of two faults that the model's own rules cause; both
+// are off by default, and the model then behaves exactly as its rules say.
+// They are not configuration keys: a host chooses them before the simulation
+// starts (zel2_cube::setCorrections, Cube2in1Wrapper::setCorrections or the
+// LIBZEL_CORRECTIONS variable that CreateCube reads). docs/corrections.md
+// tells what each changes.
+struct Corrections {
+  // "smoothing-stall": the vault switch moves flits into the smoothing
+  // buffers again one cycle later whenever any response buffer still holds
+  // flits, not only when a scan reached and left a vault that holds some.
+  bool smoothingStall = false;
+  // "bank-ownership": a DRAM command of the vault controller issues only
+  // once no earlier command of another transaction for the same bank is left
+  // in the request queue.
+  bool bankOwnership = false;
+
+  bool Any() const { return smoothingStall || bankOwnership; }
+  // The names of the corrections that are on, ", " between them.
+  std::string Names() const;
+  // Turns on the correction of that name, or all of them for "all"; false,
+  // and nothing changed, for an unknown name.
+  bool Enable(const std::string& name);
+  // The same for a list of names separated by commas (blanks ignored); on an
+  // unknown name `unknown` holds it and false is returned.
+  bool EnableList(const std::string& list, std::string& unknown);
+  // Every correction's name, in the order Names() prints them.
+  static const char* const* AllNames();
+  static constexpr unsigned kCount = 2;
+};
+
 class Config {
  public:
   // Simulator ticks in one picosecond; 0 when the time resolution is coarser
@@ -193,6 +223,9 @@ class Config {
   // How many times a configuration file supplied each key; every key is
   // entered with 0. A key with a count above 0 is marked by print().
   std::map<std::string, unsigned long> keyCounts;
+
+  // Not a key: the corrections the host chose (all off by default).
+  Corrections corrections;
 
 #define ZEL_CONFIG_FIELD(type, name, def) ConfigType_##type name = def;
   ZEL_CONFIG_KEYS(ZEL_CONFIG_FIELD)
@@ -209,6 +242,10 @@ class Config {
   // Time from now to the next edge of CORE_CLK, in whole picoseconds; a full
   // period when now is exactly on an edge.
   sc_core::sc_time NextCoreEdgeDelay() const;
+
+  // Lanes of a link: LINK_0_WIDTH to LINK_3_WIDTH; links above 3 have the
+  // lanes of link 3.
+  unsigned LinkWidth(unsigned link) const;
 
  private:
   static sc_core::sc_time Ns(double value) { return sc_core::sc_time(value, sc_core::SC_NS); }

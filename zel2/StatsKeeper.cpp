@@ -66,18 +66,7 @@ uint64_t ReportCubeCycles(const sc_core::sc_time& when, const sc_core::sc_time& 
   return static_cast<uint64_t>(when.to_double() / coreClk.to_double());
 }
 
-unsigned ReportLinkLanes(const Config& cfg, unsigned link) {
-  switch (link) {
-    case 0:
-      return cfg.LINK_0_WIDTH;
-    case 1:
-      return cfg.LINK_1_WIDTH;
-    case 2:
-      return cfg.LINK_2_WIDTH;
-    default:
-      return cfg.LINK_3_WIDTH;
-  }
-}
+unsigned ReportLinkLanes(const Config& cfg, unsigned link) { return cfg.LinkWidth(link); }
 
 float LinkRate(unsigned lanes, float gigabitsPerLane) {
   return static_cast<float>(static_cast<float>(lanes) * gigabitsPerLane * 0.125);

@@ -16,7 +16,8 @@ class zel2_atomics_extension : public tlm::tlm_extension<zel2_atomics_extension>
  public:
   ZELCommand command;
 
-  explicit zel2_atomics_extension(ZELCommand command = NULL_COMMAND) : command(command) {}
+  zel2_atomics_extension(ZELCommand command = NULL_COMMAND)  // NOLINT(google-explicit-constructor)
+      : command(command) {}
 
   // The other extension is taken to be of this type.
   void copy_from(const tlm::tlm_extension_base& other) override;

@@ -198,6 +198,18 @@ void zel2_cube::DumpState() {
   for (unsigned q = 0; q < cfg.NUM_QUADS; ++q) quads[q]->DumpState();
 }
 
+void zel2_cube::setCorrections(const Corrections& corrections) {
+  if (sc_core::sc_is_running()) {
+    std::cout << "== ERROR - Corrections can only be chosen before the simulation starts" << std::endl;
+    FatalAbort();
+  }
+  mutableConfig().corrections = corrections;
+}
+
+void zel2_cube::start_of_simulation() {
+  if (cfg.corrections.Any()) std::cout << "*** CORRECTIONS ON: " << cfg.corrections.Names() << std::endl;
+}
+
 void zel2_cube::DumpStats() { stats.DumpStats(sc_core::sc_time_stamp()); }
 
 void zel2_cube::PrintBanner() {
@@ -249,6 +261,14 @@ zel2_cube& CreateCube(const char* configFile) {
     config->BFM_TOKENS_PER_LINK = config->TOKENS_PER_LINK;
     std::cout << "*** ASSUMING BFM_TOKENS_PER_LINK=" << config->BFM_TOKENS_PER_LINK
               << " (same as TOKENS_PER_LINK)" << std::endl;
+  }
+
+  if (const char* list = std::getenv("LIBZEL_CORRECTIONS")) {
+    std::string unknown;
+    if (!config->corrections.EnableList(list, unknown)) {
+      std::cout << "== ERROR - LIBZEL_CORRECTIONS names no known correction: " << unknown << std::endl;
+      FatalAbort();
+    }
   }
 
   StatsKeeper* stats = new StatsKeeper(*config);

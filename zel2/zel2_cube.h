@@ -52,6 +52,8 @@ class zel2_cube : public sc_core::sc_module {
 
   // ---- Processes
   void ToggleClock();  // drives clk with the period CORE_CLK
+  // Names the corrections that are on, in one line, before time zero.
+  void start_of_simulation() override;
 
   // ---- Run-time setters, called by the host between simulation steps
   void setLinkParams(unsigned link, float gigabitsPerLane, unsigned numLanes);
@@ -59,6 +61,9 @@ class zel2_cube : public sc_core::sc_module {
   void setCubeSize(unsigned numPartitions);
   void setTj(unsigned temperature);
   void setMaxBlockSize(unsigned size);
+  // Chooses the corrections of the model's known faults (all off by
+  // default). Only before the simulation starts: later it stops the run.
+  void setCorrections(const Corrections& corrections);
 
   // ---- Diagnostics and accessors
   void DumpState();
@@ -76,8 +81,9 @@ class zel2_cube : public sc_core::sc_module {
 
 // ---- Entry points of the library
 
-// Builds a cube configured from the environment (LIBZEL_CONFIG_FILE and the
-// two token variables). A non-null argument skips the configuration file
+// Builds a cube configured from the environment (LIBZEL_CONFIG_FILE, the two
+// token variables, and LIBZEL_CORRECTIONS, a comma-separated list of
+// correction names or "all"). A non-null argument skips the configuration file
 // altogether: it works as a switch, not as a file name.
 zel2_cube& CreateCube(const char* configFile);
 // A configuration with its defaults, overridden by the file when one is named.

@@ -94,7 +94,7 @@ struct Flit_P {
          unsigned int requestLength = 0, bool header = false, bool tail = false,
          unsigned int flitNumber = 0);
   // A new handle (with a new number) to an existing flit.
-  explicit Flit_P(Flit* existing);
+  Flit_P(Flit* existing);  // NOLINT(google-explicit-constructor): a plain conversion, as hosts write it
 
   Flit& operator*() const { return *flit; }
   Flit* operator->() const { return flit; }

@@ -120,23 +120,9 @@ zel2_link::zel2_link(sc_core::sc_module_name name, const Config& cfg, StatsKeepe
 // ---- Link rate ---------------------------------------------------------
 
 void zel2_link::updateLinkParams(unsigned link) {
-  unsigned width = 0;
-  switch (link) {
-    case 0:
-      width = cfg.LINK_0_WIDTH;
-      break;
-    case 1:
-      width = cfg.LINK_1_WIDTH;
-      break;
-    case 2:
-      width = cfg.LINK_2_WIDTH;
-      break;
-    case 3:
-      width = cfg.LINK_3_WIDTH;
-      break;
-    default:
-      break;
-  }
+  // Links above 3 have no width key of their own and run with link 3's lanes,
+  // as the report counts them.
+  const unsigned width = cfg.LinkWidth(link);
   const unsigned bitTimesPerFlit = cfg.FLIT_SIZE * 8 / width;
   // LINK_SPEED is in Gb/s per lane, so one bit time is 1/LINK_SPEED ns.
   const float flitNs = static_cast<float>(bitTimesPerFlit) * (1.0f / cfg.LINK_SPEED);

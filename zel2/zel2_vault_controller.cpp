@@ -396,6 +396,7 @@ sc_time zel2_vault_controller::IssueWait(unsigned index, const sc_time& now, boo
   // partition check of the issue loop.
   if (bank == nullptr) return sc_core::SC_ZERO_TIME;
   const bool sameTransactionBefore = index != 0 && requestQueue[index - 1].tag == c.tag;
+  if (cfg.corrections.bankOwnership && OwnedByEarlierTransaction(index)) return longWait;
 
   // Column commands get priority over row commands: a row command waits while
   // a later column command could go now. (The two never share a slot.)
@@ -439,6 +440,23 @@ sc_time zel2_vault_controller::IssueWait(unsigned index, const sc_time& now, boo
     default:
       return longWait;  // refused above
   }
+}
+
+// A transaction's commands enter the queue together, ACT first and PRE last,
+// and leave it one by one. Walking back from `index` over the commands of the
+// same bank, the command's own transaction can only show as earlier column
+// commands and its ACT; anything else (another tag, a PRE, or anything before
+// the own ACT) is an earlier transaction's that still holds the bank.
+bool zel2_vault_controller::OwnedByEarlierTransaction(unsigned index) const {
+  const DRAMBusPacket& c = requestQueue[index];
+  bool pastOwnActivate = c.command == ACT;
+  for (unsigned j = index; j-- > 0;) {
+    const DRAMBusPacket& earlier = requestQueue[j];
+    if (earlier.partition != c.partition || earlier.bank != c.bank) continue;
+    if (pastOwnActivate || earlier.tag != c.tag || earlier.command == PRE) return true;
+    if (earlier.command == ACT) pastOwnActivate = true;
+  }
+  return false;
 }
 
 void zel2_vault_controller::IssuingThread() {

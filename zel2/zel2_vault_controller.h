@@ -159,6 +159,9 @@ class zel2_vault_controller : public sc_core::sc_module {
   // IsIssuable at a time and clock phase the caller has already looked up;
   // the issue loop asks it for every queued command of one wake.
   sc_core::sc_time IssueWait(unsigned index, const sc_core::sc_time& now, bool onEdge);
+  // Whether an earlier transaction for the same bank still has a command in
+  // the request queue (the bank-ownership correction holds the command back).
+  bool OwnedByEarlierTransaction(unsigned index) const;
   void AppendCommand(DRAMCommand command, unsigned partition, unsigned bank, unsigned row, unsigned col,
                      uint32_t tag, const sc_core::sc_time& earliestIssue);
   void LowerRequestQueueTransactions();  // a transaction's last column command has issued

@@ -337,12 +337,14 @@ void zel2_vault_switch::MoveToSmoothingBuffers() {
     quad = (quad + 1) % Q;
   } while (quad != startQuad);
   quadPointer = (startQuad + 1) % Q;
-  // Flits still held in a response buffer always bring another activation,
-  // also when every smoothing buffer they need was full or the scans didn't
-  // reach their vault: nothing else wakes this process once the vault
-  // controllers have run out of credits, and the quad would stall for good.
-  for (unsigned v = 0; v < V && !workRemains; ++v)
-    if (!responseBuffers[v].empty()) workRemains = true;
+  // Work remains only where a scan reached a vault and left flits behind. A
+  // vault that no scan reached (its quad's smoothing buffer full, or the scan
+  // stopped early) brings no further activation of its own; if no response
+  // arrives afterwards, nothing wakes this process and the quad stalls. The
+  // smoothing-stall correction re-arms while any response buffer holds flits.
+  if (cfg.corrections.smoothingStall)
+    for (unsigned v = 0; v < V && !workRemains; ++v)
+      if (!responseBuffers[v].empty()) workRemains = true;
 
   std::fill(flitsOutOfVault.begin(), flitsOutOfVault.end(), 0);
   std::fill(flitsIntoQuad.begin(), flitsIntoQuad.end(), 0);
