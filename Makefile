@@ -3,7 +3,7 @@
 # Debian packages are missing, configure, build and run.
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
-PACKAGES := cmake g++ make pkg-config libsystemc-dev libgtest-dev git
+PACKAGES := cmake g++ make pkg-config libsystemc-dev libgtest-dev git python3-matplotlib python3-pytest
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=Release
 
 .PHONY: all deps configure build run test bench test-sanitize soak install clean
