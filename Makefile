@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc)
 PACKAGES := cmake g++ make pkg-config libsystemc-dev libgtest-dev git python3-matplotlib python3-pytest
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=Release
 
-.PHONY: all deps configure build run test bench test-sanitize soak install clean
+.PHONY: all deps configure build run test test-slurm bench test-sanitize soak install clean
 
 all: build
 
@@ -33,6 +33,13 @@ run: build
 
 test: build
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
+
+# zelsim-sweep on a single-node Slurm cluster started for the test, as root
+# and without systemd: installs Debian's Slurm and munge packages when they
+# are missing, runs a sweep locally and as a job array, compares the two and
+# resubmits a point failed on purpose (apps/sweep/slurm/test-slurm.sh).
+test-slurm: build
+	apps/sweep/slurm/test-slurm.sh $(BUILD_DIR)
 
 # The library and the tests under AddressSanitizer and
 # UndefinedBehaviorSanitizer. The suppression files in tests/sanitizer say
