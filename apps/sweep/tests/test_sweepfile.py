@@ -98,6 +98,8 @@ BAD_FILES = [
     ("run_length_ns = 10\n[axes.mix.reads]\nPERCENTAGE_READ = 100\nBad-Key = 1\n", 4,
      "'Bad-Key' is not a configuration key"),
     ("run_length_ns = 10\nseeds = [1, -2]\n", 2, "seeds must be whole numbers"),
+    ("run_length_ns = 10\n[axes]\nrequest_rate = [300, 350]\n", 3,
+     "request_rate=300 and request_rate=350 give the same zelsim command (REQUEST_SPACING=2)"),
 ]
 
 

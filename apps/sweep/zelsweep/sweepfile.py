@@ -333,6 +333,15 @@ def read_sweep(path):
             except ValueError as e:
                 raise SweepError(f"'{path}': {e}")
             sweep.points.append(Point(len(sweep.points), shown, seed, args))
+    # Two request rates can round to one spacing: such points would be one run.
+    seen = {}
+    for p in sweep.points:
+        twin = seen.setdefault(tuple(p.args), p)
+        if twin is not p:
+            axis = next(n for n in sweep.axis_names if twin.axes[n] != p.axes[n])
+            spacing = next(a for a in p.args if a.startswith("REQUEST_SPACING=")) if axis == RATE else ""
+            raise src.error(f"points {twin.label()} and {p.label()} give the same zelsim command"
+                            + (f" ({spacing})" if spacing else ""), ("axes",), axis)
     return sweep
 
 
