@@ -2,6 +2,7 @@
 """Local sweeps against a fake zelsim: resume, failures, merge, compare and
 plots, through the tool's command line."""
 import csv
+import os
 import json
 import shutil
 import statistics
@@ -153,3 +154,30 @@ def test_plots_of_a_sweep_and_of_a_run(sweep, fake, tmp_path):
     shutil.rmtree(tmp_path / "run")
     timeline.write_text("time_ns,total_read_gbps\n1000,1\n")
     assert main(["plot-run", str(result), "--timeline", str(timeline)]) == 2
+
+
+def test_a_slurm_array_runs_the_points_and_files_lost_tasks(sweep, fake, tmp_path, monkeypatch):
+    bin_dir = tmp_path / "bin"
+    bin_dir.mkdir()
+    for name in ("sbatch", "squeue", "scontrol"):
+        (bin_dir / name).symlink_to(FAKE.parent / "fake_slurm.py")
+    monkeypatch.setenv("PATH", f"{bin_dir}:{os.environ['PATH']}")
+    monkeypatch.setenv("FAKE_SLURM_CALLS", str(tmp_path / "sbatch.txt"))
+    monkeypatch.setenv("FAKE_SLURM_LOSE", "4")
+    path, out = sweep(SWEEP), tmp_path / "out"
+    slurm = ["--slurm", "--partition", "p", "--time-limit", "1:00", "--throttle", "2", "--poll", "0"]
+    assert run(path, out, *slurm) == 1
+    assert "--array=0-5%2 " in (tmp_path / "sbatch.txt").read_text()
+    assert "--partition=p --time=1:00" in (tmp_path / "sbatch.txt").read_text()
+    states = [r["state"] for r in rows(out / "results.csv")]
+    assert states == ["ok", "ok", "ok", "ok", "failed", "ok"]
+    lost = json.loads(next((out / "failed").glob("*.json")).read_text())
+    assert "ended without a result (TIMEOUT" in lost["reason"] and lost["slurm_log"].endswith("/42_4.out")
+    # The same points as a local run's, wall clock aside.
+    assert run(path, tmp_path / "local") == 0
+    assert main(["compare", str(out), str(tmp_path / "local")]) == 0
+
+    monkeypatch.delenv("FAKE_SLURM_LOSE")
+    assert run(path, out, *slurm, "--resubmit-failed") == 0
+    assert "--array=0-0%2 " in (tmp_path / "sbatch.txt").read_text().splitlines()[-1]
+    assert [r["state"] for r in rows(out / "results.csv")] == ["ok"] * 6
