@@ -146,13 +146,12 @@ def test_plots_of_a_sweep_and_of_a_run(sweep, fake, tmp_path):
 
     result = next((out / "points").glob("*.json"))
     timeline = tmp_path / "timeline.csv"
-    timeline.write_text("time_ns,total_read_gbps,total_write_gbps,total_latency_mean_ns,"
-                        "total_latency_p99_ns,total_outstanding\n"
-                        "1000,1.5,1.2,120,300,4\n2000,1.7,1.1,,,0\n")
+    timeline.write_text("start_ns,end_ns,all_read_gbps,all_write_gbps,all_mean_ns,all_p99_ns,all_outstanding\n"
+                        "0,1000,1.5,1.2,120,300,4\n1000,2000,1.7,1.1,,,0\n")
     assert main(["plot-run", str(result), "--timeline", str(timeline), "-o", str(tmp_path / "run")]) == 0
     assert sorted(p.suffix for p in (tmp_path / "run").iterdir()) == [".png", ".png", ".svg", ".svg"]
     shutil.rmtree(tmp_path / "run")
-    timeline.write_text("time_ns,total_read_gbps\n1000,1\n")
+    timeline.write_text("start_ns,end_ns,all_read_gbps\n0,1000,1\n")
     assert main(["plot-run", str(result), "--timeline", str(timeline)]) == 2
 
 

@@ -89,15 +89,16 @@ def without_wall_clock(doc):
     return {k: v for k, v in doc.items() if k != WALL_CLOCK}
 
 
-# The timeline CSV: one row per interval. Its time column and the total
-# figures are picked by name.
-TIMELINE_TIME = "time_ns"
+# The timeline CSV: one row per interval, from start_ns to end_ns, with
+# the columns of each link (linkN_...) and of all links (all_...). A row is
+# drawn at the interval's end.
+TIMELINE_TIME = "end_ns"
 TIMELINE_COLUMNS = {
-    "read_gbps": "total_read_gbps",
-    "write_gbps": "total_write_gbps",
-    "latency_mean_ns": "total_latency_mean_ns",
-    "latency_p99_ns": "total_latency_p99_ns",
-    "outstanding": "total_outstanding",
+    "read_gbps": "all_read_gbps",
+    "write_gbps": "all_write_gbps",
+    "latency_mean_ns": "all_mean_ns",
+    "latency_p99_ns": "all_p99_ns",
+    "outstanding": "all_outstanding",
 }
 
 
