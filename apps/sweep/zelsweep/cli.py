@@ -108,15 +108,15 @@ def _run(args):
     print(f"{len(sweep.points)} points: {kept} with results, {len(todo)} to run"
           + ("" if args.resubmit_failed else f", {sum(s == 'failed' for s in states.values())} failed before"))
     if todo and args.slurm:
-        submission = slurm.submit(folder, todo, zelsim, args.partition, args.time_limit, args.throttle,
-                                  args.sbatch_arg)
+        submission = slurm.submit(folder, todo, zelsim, version, args.partition, args.time_limit,
+                                  args.throttle, args.sbatch_arg)
         print(f"Submitted job {submission['job']}: {len(todo)} tasks")
         if args.no_wait:
             print(f"`zelsim-sweep collect {folder.root}` merges once the tasks are done")
             return 0
         progress = runner.Progress(len(todo), enabled=not args.quiet)
         slurm.wait(folder, submission, progress, args.poll, args.wait_timeout)
-        slurm.file_lost_tasks(folder, plan)
+        slurm.file_lost_tasks(folder)
     elif todo:
         runner.run_local(todo, zelsim, folder, args.jobs, runner.Progress(len(todo), enabled=not args.quiet))
     return _finish(folder, plan, args.quiet)
@@ -131,7 +131,7 @@ def _collect(args):
             return STILL_QUEUED
         progress = runner.Progress(len(submission["keys"]), enabled=not args.quiet)
         slurm.wait(folder, submission, progress, args.poll)
-    slurm.file_lost_tasks(folder, plan)
+    slurm.file_lost_tasks(folder)
     return _finish(folder, plan, args.quiet)
 
 
@@ -162,7 +162,11 @@ def main(argv=None):
             return _compare(args)
         if args.command == "task":
             return slurm.run_task(Folder(args.dir), args.listing)
-        from . import plots  # matplotlib only where it is needed
+        try:
+            from . import plots  # matplotlib only where it is needed
+        except ImportError as e:
+            print(f"zelsim-sweep: the plots need matplotlib (Debian's python3-matplotlib): {e}", file=sys.stderr)
+            return BAD_INPUT
         if args.command == "plot":
             written = plots.plot_sweep(Folder(args.dir), args.out, args.load, args.by)
         else:

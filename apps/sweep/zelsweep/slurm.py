@@ -17,7 +17,7 @@ import time
 from pathlib import Path
 
 from .runner import record_failure, run_point, zelsim_version, TAIL_LINES
-from .sweepfile import SweepError
+from .sweepfile import Point, SweepError
 
 # Every call of a Slurm command is bounded: against a dead controller they
 # block for a long time.
@@ -47,12 +47,16 @@ def _submissions(folder):
     return [(path, doc) for _, path, doc in sorted(found, key=lambda s: s[0])]
 
 
-def submit(folder, points, zelsim, partition=None, time_limit=None, throttle=None, extra=()):
+def submit(folder, points, zelsim, version, partition=None, time_limit=None, throttle=None, extra=()):
     """Submits the points as one array and returns its submission record."""
     folder.slurm.mkdir(parents=True, exist_ok=True)
     number = 1 + max((int(p.stem.split("-")[1]) for p, _ in _submissions(folder)), default=0)
     listing = folder.slurm / f"submit-{number}.json"
-    record = {"keys": [p.key for p in points], "zelsim": zelsim, "job": None}
+    # The points themselves go with the submission: a later `run` may
+    # rewrite the plan while the array waits in the queue.
+    record = {"keys": [p.key for p in points], "zelsim": zelsim, "version": version, "job": None,
+              "points": [{"index": p.index, "key": p.key, "axes": p.axes, "seed": p.seed, "args": p.args}
+                         for p in points]}
     folder.write_json(listing, record)
     # A task reruns a point from scratch: an old failure record must not
     # pass for the new run's.
@@ -84,19 +88,18 @@ def run_task(folder, listing_path):
     the point failed, so that Slurm shows the task as failed too."""
     with open(listing_path, encoding="utf-8") as f:
         listing = json.load(f)
-    plan = folder.load_plan()
     task = int(os.environ["SLURM_ARRAY_TASK_ID"])
-    job = os.environ.get("SLURM_ARRAY_JOB_ID", "")
-    key = listing["keys"][task]
-    point = next(p for p in plan["points"] if p.key == key)
+    log = str(folder.slurm / f"{os.environ.get('SLURM_ARRAY_JOB_ID', '')}_{task}.out")
+    p = listing["points"][task]
+    point = Point(p["index"], p["axes"], p["seed"], p["args"], p["key"])
     zelsim = listing["zelsim"]
     version = zelsim_version(zelsim)
-    if version != plan["version"]:
+    if version != listing["version"]:
         # A node with another zelsim would file results under the wrong key.
         record_failure(folder, point, f"zelsim on this node is '{version}', the sweep was planned with "
-                       f"'{plan['version']}'", zelsim, "", [], slurm_log=str(folder.slurm / f"{job}_{task}.out"))
+                       f"'{listing['version']}'", zelsim, "", [], slurm_log=log)
         return 1
-    ok, _ = run_point(point, zelsim, folder, slurm_log=str(folder.slurm / f"{job}_{task}.out"))
+    ok, _ = run_point(point, zelsim, folder, slurm_log=log)
     return 0 if ok else 1
 
 
@@ -146,26 +149,29 @@ def _task_states(job):
     return states
 
 
-def file_lost_tasks(folder, plan):
+def file_lost_tasks(folder):
     """Files a failure for every point whose last task ended without any
     result. Returns the number of such points."""
     last = {}
     for _, submission in _submissions(folder):
-        for task, key in enumerate(submission["keys"]):
-            last[key] = (submission, task)
-    points = {p.key: p for p in plan["points"]}
+        for task, p in enumerate(submission["points"]):
+            last[p["key"]] = (submission, task, p)
+    states = {}
     lost = 0
-    for key, (submission, task) in last.items():
-        if key not in points or folder.state(key) != "missing" or not submission.get("job"):
+    for key, (submission, task, p) in last.items():
+        if folder.state(key) != "missing" or not submission.get("job"):
             continue
         job = submission["job"]
-        state = _task_states(job).get(task, "state no longer known to the controller")
+        if job not in states:
+            states[job] = _task_states(job)
+        state = states[job].get(task, "state no longer known to the controller")
         log = folder.slurm / f"{job}_{task}.out"
         try:
             tail = log.read_text(encoding="utf-8", errors="replace").splitlines()[-TAIL_LINES:]
         except OSError:
             tail = ["(no task log)"]
-        record_failure(folder, points[key], f"Slurm task {job}_{task} ended without a result ({state})",
+        point = Point(p["index"], p["axes"], p["seed"], p["args"], key)
+        record_failure(folder, point, f"Slurm task {job}_{task} ended without a result ({state})",
                        submission.get("command", ""), folder.work(key) / "output.log", tail, slurm_log=str(log))
         lost += 1
     return lost
