@@ -9,6 +9,7 @@ the seed, and fails on demand through the key FAKE_FAIL:
   error-exit0  an ERROR line, a JSON and status 0, as the model's exit(0)
   deadlock     status 0 and run.deadlock true in the JSON
   nojson       status 0 and no JSON
+  oldjson      status 0 and a JSON of another schema
 
 Each run appends its arguments to the file $FAKE_ZELSIM_CALLS.
 """
@@ -67,6 +68,10 @@ def main(argv):
         if fail == "abort":
             os.abort()
     if fail == "nojson":
+        return 0
+    if fail == "oldjson":
+        with open(out, "w") as f:
+            json.dump({"version": version, "seed": seed}, f)
         return 0
     spacing = int(keys.get("REQUEST_SPACING", "0"))
     share = 1.0 / (1 + spacing)

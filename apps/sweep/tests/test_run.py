@@ -79,7 +79,7 @@ def test_the_summary_averages_over_seeds_with_spread(sweep, fake, tmp_path):
 FAILURES = """
 run_length_ns = 1000
 [axes]
-FAKE_FAIL = ["none", "refuse", "abort", "error-exit0", "deadlock", "nojson"]
+FAKE_FAIL = ["none", "refuse", "abort", "error-exit0", "deadlock", "nojson", "oldjson"]
 """
 
 
@@ -97,19 +97,19 @@ def test_failed_points_are_recorded_kept_and_resubmitted(sweep, fake, tmp_path, 
         assert "fake zelsim: a few lines of output" in failure["tail"]
     assert "refused" in reasons["refuse"] and "SIGABRT" in reasons["abort"]
     assert "ERROR line" in reasons["error-exit0"] and "deadlock" in reasons["deadlock"]
-    assert "no JSON" in reasons["nojson"]
+    assert "no JSON" in reasons["nojson"] and "schema_version None" in reasons["oldjson"]
     # No half result is left where a resume would take it for a good one.
     assert len(list((out / "points").glob("*"))) == 1
     text = (out / "summary.txt").read_text()
-    assert "1 done, 5 failed, 0 not run" in text
+    assert "1 done, 6 failed, 0 not run" in text
     assert "unknown key 'FAKE_FAIL'" in text and "ERROR - Received PRE" in text
-    assert "1 done, 5 failed" in capsys.readouterr().out
+    assert "1 done, 6 failed" in capsys.readouterr().out
 
     # A plain rerun keeps the failures; --resubmit-failed runs them alone.
     assert run(path, out) == 1
-    assert len(fake()) == 6
+    assert len(fake()) == 7
     assert run(path, out, "--resubmit-failed") == 1
-    assert len(fake()) == 11 and not any("FAKE_FAIL=none" in c for c in fake()[6:])
+    assert len(fake()) == 13 and not any("FAKE_FAIL=none" in c for c in fake()[6:])
 
 
 def test_compare_leaves_out_the_wall_clock_alone(sweep, fake, tmp_path):

@@ -55,8 +55,9 @@ def zelsim_version(zelsim):
     return next((line for line in lines if line.startswith("zelsim")), lines[0])
 
 
-def verdict(status, output, doc):
-    """Why a run failed, or None when it is a good result."""
+def verdict(status, output, doc, json_error=None):
+    """Why a run failed, or None when it is a good result. `json_error` says
+    why a JSON that zelsim wrote can't be read."""
     if status < 0:
         name = signal.Signals(-status).name if -status in signal.Signals._value2member_map_ else str(-status)
         return f"ended by signal {name}" + (" (the model stopped the run)" if name == "SIGABRT" else "")
@@ -65,6 +66,8 @@ def verdict(status, output, doc):
     # The model may end a run by exit(0) after an ERROR line of its own.
     if any(line.lstrip().startswith("ERROR") for line in output.splitlines()):
         return "the model reported an error (ERROR line in the output)"
+    if json_error:
+        return json_error
     if doc is None:
         return "no JSON written"
     if zelsim_output.deadlocked(doc):
@@ -123,9 +126,7 @@ def run_point(point, zelsim, folder, **extra):
             doc = zelsim_output.load_run(partial)
         except zelsim_output.OutputError as e:
             unreadable = str(e)
-    reason = verdict(status, output, doc)
-    if reason is None and unreadable:
-        reason = unreadable
+    reason = verdict(status, output, doc, unreadable)
     if reason is None:
         os.replace(partial, folder.result(point.key))
         folder.failure(point.key).unlink(missing_ok=True)
