@@ -4,6 +4,7 @@ import itertools
 from pathlib import Path
 
 import matplotlib
+import matplotlib.ticker
 
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402  (after the back end is chosen)
@@ -160,10 +161,17 @@ def plot_run(path, timeline=None, out=None):
         raise SweepError(f"'{path}': no request completed, so there is no latency to draw")
     fig, ax = plt.subplots(figsize=(8, 5))
     for kind, (bounds, counts) in histograms.items():
-        ax.stairs(counts, bounds, label=f"{kind} ({sum(counts)} requests)", linewidth=1.5)
+        # Buckets differ in width: drawn as requests per ns, so that a wider
+        # bucket doesn't look like a peak.
+        density = [c / (hi - lo) if hi > lo else 0 for c, lo, hi in zip(counts, bounds, bounds[1:])]
+        ax.stairs(density, bounds, label=f"{kind} ({sum(counts)} requests)", linewidth=1.5)
     ax.set_xscale("log")
+    # Plain numbers at 1, 2 and 5 of each decade rather than powers of ten.
+    ax.xaxis.set_major_locator(matplotlib.ticker.LogLocator(subs=(1, 2, 5)))
+    ax.xaxis.set_major_formatter(matplotlib.ticker.ScalarFormatter())
+    ax.xaxis.set_minor_formatter(matplotlib.ticker.NullFormatter())
     ax.set_xlabel("Latency (ns)")
-    ax.set_ylabel("Requests per bucket")
+    ax.set_ylabel("Requests per ns of latency")
     ax.set_title(f"Latency histogram of {path.name} (seed {doc.get('seed')})\n{doc.get('version', '')}", fontsize=10)
     ax.grid(True, alpha=0.3)
     ax.legend(fontsize=8)
