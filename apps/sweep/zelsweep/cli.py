@@ -179,3 +179,7 @@ def main(argv=None):
     except KeyboardInterrupt:
         print("\nzelsim-sweep: interrupted; the points cut short run again next time", file=sys.stderr)
         return 130
+    except BrokenPipeError:
+        # Output piped into `head` and the like: the reader has gone.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return FAILED
