@@ -103,6 +103,10 @@ def _run(args):
     states = {p.key: folder.state(p.key) for p in sweep.points}
     wanted = "failed" if args.resubmit_failed else "missing"
     todo = [p for p in sweep.points if states[p.key] == wanted]
+    queued = slurm.queued_keys(folder, [p.key for p in todo])
+    if queued:
+        raise SweepError(f"{len(queued)} of these points are still queued on Slurm; "
+                         f"`zelsim-sweep collect {folder.root}` first")
     kept = sum(s == "ok" for s in states.values())
     print(f"{len(sweep.points)} points: {kept} with results, {len(todo)} to run"
           + ("" if args.resubmit_failed else f", {sum(s == 'failed' for s in states.values())} failed before"))

@@ -177,6 +177,23 @@ def file_lost_tasks(folder):
     return lost
 
 
+def queued_keys(folder, keys):
+    """The keys among `keys` that a submission still has in the queue (none
+    when Slurm's commands aren't here to ask)."""
+    keys = set(keys)
+    found = set()
+    for _, submission in _submissions(folder):
+        mine = keys & set(submission["keys"])
+        if mine and submission.get("job"):
+            try:
+                queued = _queued(submission["job"])
+            except SweepError:
+                return found
+            if queued is None or queued[0]:
+                found |= mine
+    return found
+
+
 def pending_submissions(folder):
     """The submissions that still have tasks in the queue."""
     waiting = []
