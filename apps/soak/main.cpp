@@ -595,7 +595,8 @@ int SoakMain(int argc, char** argv) {
   }
   for (const KnownIssue& issue : KnownIssues()) {
     if (totals.knownIssues.count(issue.id) != 0)
-      std::cout << "Known issue " << issue.id << ": " << issue.summary << '\n';
+      std::cout << "Known issue " << issue.id << ": " << issue.summary << "\n  reproducer: " << issue.reproducer
+                << "\n  --correct " << issue.id << " removes it (docs/corrections.md)\n";
   }
   const bool clean = totals.failedCases == 0 && totals.cases == totalCases;
   if (!clean) {

@@ -116,6 +116,10 @@ std::vector<Dimension> SoakMatrix() {
        "buffer and credit sizes: defaults, or small ones that press the loops",
        {Keys("default", {}), Keys("tokens", kFewTokens), Keys("vault", kSmallVault),
         Keys("switch", kSmallSwitch), Keys("tight", Join({kFewTokens, kSmallVault, kSmallSwitch}))}});
+  dims.push_back({"host",
+                  "token returns of the host: at once, or batched (freed response space waits up to 500 "
+                  "cycles for a request tail)",
+                  {{"eager", {}}, {"batching", {"--token-return-wait", "500"}}}});
   return dims;
 }
 

@@ -219,12 +219,18 @@ bool ParseJson(const std::string& text, JsonValue& value, std::string& error) {
 
 const std::vector<KnownIssue>& KnownIssues() {
   static const std::vector<KnownIssue> issues = {
-      {"refresh-row-collision",
+      {"bank-ownership", Failure::ModelError,
        "ERROR - Received PRE prt:[0-9]+ bnk:[0-9]+ row:[0-9]+ col:[0-9]+ tag:[0-9]+ in Vault [0-9]+ when we "
        "shouldn't have",
        "REFRESH_ENABLED=true",
-       "vault controller command issue: a READ of a refresh (or of a request) goes out under the other "
-       "transaction's ACT of the same bank and row, so the vault sees ACT then PRE"},
+       "vault controller: refresh lets a second transaction into a busy bank, and a READ then issues under "
+       "the other transaction's row before its own ACT",
+       "zelsim --seed 1 --set SIM_TIME=20000 --set REFRESH_ENABLED=true --cube-size 0 --set REQUEST_STREAM=1"},
+      {"smoothing-stall", Failure::Deadlock, "zelsim: deadlock: no flit moved", "--token-return-wait",
+       "vault switch: once no scan reaches a vault's waiting flits, nothing moves them to the smoothing "
+       "buffers again",
+       "zelsim --seed 1 --set SIM_TIME=0 --set NUM_REQUESTS=200 --set HOST_MAPPING=0 --set PERCENTAGE_READ=100 "
+       "--set PERCENTAGE_RD_64B=0 --set PERCENTAGE_RD_128B=100 --token-return-wait 500"},
   };
   return issues;
 }
@@ -391,10 +397,11 @@ Outcome JudgeOutput(const ChildResult& run) {
   return o;
 }
 
-// Marks a run whose only failure is a model error that a known issue explains.
+// Marks a run whose only failure is the one that a known issue explains.
 void MatchKnownIssue(Outcome& o, const std::vector<std::string>& argv) {
-  if (o.failures.size() != 1 || o.failures.count(Failure::ModelError) == 0) return;
+  if (o.failures.size() != 1) return;
   for (const KnownIssue& issue : KnownIssues()) {
+    if (o.failures.count(issue.failure) == 0) continue;
     if (std::find(argv.begin(), argv.end(), issue.requiredArg) == argv.end()) continue;
     const std::regex message(issue.message);
     for (const std::string& line : o.details) {

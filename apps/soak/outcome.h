@@ -65,13 +65,16 @@ enum class Failure {
 };
 const char* FailureName(Failure f);
 
-// A model error that has been reduced, explained and documented
-// (docs/reliability.md), and that a run may meet until the model is changed.
+// A fault of the model's own rules, reduced, explained and documented
+// (docs/corrections.md), that a run of the reference behaviour may meet; a
+// correction (zelsim --correct) removes it.
 struct KnownIssue {
-  const char* id;           // short name, as the report shows it
-  const char* message;      // regular expression matched against the model's message lines
+  const char* id;           // the correction's name, as the report shows it
+  Failure failure;          // the one kind of failure it causes
+  const char* message;      // regular expression matched against the run's detail lines
   const char* requiredArg;  // a zelsim argument the case must have for the issue to arise
   const char* summary;      // one line: which block and rule
+  const char* reproducer;   // the shortest zelsim command line that shows it
 };
 const std::vector<KnownIssue>& KnownIssues();
 

@@ -237,7 +237,7 @@ TEST(SoakVerdict, KnownIssueNeedsItsMessageAndItsSetting) {
       "when we shouldn't have\n";
   const std::vector<std::string> refresh = {"zelsim", "--set", "REFRESH_ENABLED=true"};
   Outcome o = Judge(r, refresh);
-  EXPECT_EQ(o.knownIssue, "refresh-row-collision");
+  EXPECT_EQ(o.knownIssue, "bank-ownership");
   EXPECT_FALSE(o.Passed());  // still a model error; the caller decides
   EXPECT_TRUE(Judge(r, {"zelsim"}).knownIssue.empty());
   // Another failure beside it is not explained by the issue.
@@ -249,6 +249,14 @@ TEST(SoakVerdict, KnownIssueNeedsItsMessageAndItsSetting) {
   other.json.clear();
   other.out = "=[1 us]= ERROR - Link Master 0 buffer exceeded capacity\n";
   EXPECT_TRUE(Judge(other, refresh).knownIssue.empty());
+
+  // A stall is known only for a host that batches its token returns.
+  ChildResult stalled = CleanRun();
+  stalled.exitCode = 4;
+  stalled.json.clear();
+  stalled.err = "zelsim: deadlock: no flit moved for 100000 ns with 707 requests outstanding\n";
+  EXPECT_EQ(Judge(stalled, {"zelsim", "--token-return-wait", "500"}).knownIssue, "smoothing-stall");
+  EXPECT_TRUE(Judge(stalled, {"zelsim"}).knownIssue.empty());
 }
 
 TEST(SoakJson, ReadsWhatZelsimWrites) {
