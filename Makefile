@@ -3,7 +3,7 @@
 # Debian packages are missing, configure, build and run.
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
-PACKAGES := cmake g++ make pkg-config libsystemc-dev libgtest-dev git python3-matplotlib python3-pytest
+PACKAGES := cmake g++ make pkg-config libsystemc-dev libgtest-dev git libcli11-dev nlohmann-json3-dev bsdutils python3-matplotlib python3-pytest
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=Release
 
 .PHONY: all deps configure build run test test-slurm bench test-sanitize soak install clean
@@ -27,9 +27,11 @@ configure: deps
 build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
-# The main job: the zelsim test bench on the compiled defaults.
+# The main job: the zelsim test bench on the compiled defaults. The terminal
+# gets zelsim's summary; the model's own report goes to a file, which zelsim
+# names at the end.
 run: build
-	cd $(BUILD_DIR) && ./apps/zelsim/zelsim
+	cd $(BUILD_DIR) && ./apps/zelsim/zelsim --report zelsim-report.txt
 
 test: build
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
