@@ -76,6 +76,7 @@ def test_key_follows_the_command_version_and_config_content(sweep, tmp_path):
 BAD_FILES = [
     # (file text, line named, words of the message)
     ("run_length_ns = 10\nseeds = [1,\n[axes]\n", 3, "Invalid"),
+    ("run_length_ns = 10\n[axes]\nNUM_LINKS = [1, 2\n", 3, "Unclosed array at the end of the file"),
     ("run_length_ns = 10\nspeed = 3\n", 2, "unknown entry 'speed'"),
     ("title = 'x'\n", None, "run_length_ns is missing"),
     ("run_length_ns = -5\n", 1, "run_length_ns must be"),

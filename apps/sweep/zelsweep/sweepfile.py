@@ -275,6 +275,9 @@ def read_sweep(path):
         found = re.match(r"(.*) \(at line (\d+), column (\d+)\)$", str(e))
         if found:
             raise SweepError(f"'{path}' line {found.group(2)}: {found.group(1)} (column {found.group(3)})")
+        at_end = re.match(r"(.*) \(at end of document\)$", str(e))
+        if at_end:
+            raise SweepError(f"'{path}' line {len(src.lines)}: {at_end.group(1)} at the end of the file")
         raise SweepError(f"'{path}': {e}")
 
     for name in doc:
