@@ -131,23 +131,23 @@ def _number(value):
     return isinstance(value, (int, float)) and not isinstance(value, bool)
 
 
-def _values(src, table, name, spec, what):
+def _values(src, table, name, given, what):
     """The values of an axis or of the seeds: a list, or a range table."""
-    if isinstance(spec, list):
-        if not spec:
+    if isinstance(given, list):
+        if not given:
             raise src.error(f"{what} '{name}' has no values", table, name)
-        for v in spec:
+        for v in given:
             if not isinstance(v, (bool, int, float, str)):
                 raise src.error(f"{what} '{name}': values must be numbers, strings or booleans", table, name)
-        if len(set(map(repr, spec))) != len(spec):
+        if len(set(map(repr, given))) != len(given):
             raise src.error(f"{what} '{name}' repeats a value", table, name)
-        return list(spec)
-    if isinstance(spec, dict) and set(spec) <= {"from", "to", "step"}:
+        return list(given)
+    if isinstance(given, dict) and set(given) <= {"from", "to", "step"}:
         where = (*table, name)
-        missing = [k for k in ("from", "to") if k not in spec]
+        missing = [k for k in ("from", "to") if k not in given]
         if missing:
             raise src.error(f"{what} '{name}': a range needs 'from' and 'to'", where)
-        start, stop, step = spec["from"], spec["to"], spec.get("step", 1)
+        start, stop, step = given["from"], given["to"], given.get("step", 1)
         if not all(_number(v) for v in (start, stop, step)):
             raise src.error(f"{what} '{name}': 'from', 'to' and 'step' must be numbers", where)
         if step <= 0 or stop < start:
@@ -203,20 +203,20 @@ class _Axis:
         return {_touched(n) for v in self.variants.values() for n in v}
 
 
-def _read_axis(src, name, spec):
+def _read_axis(src, name, given):
     table = ("axes",)
-    is_variants = isinstance(spec, dict) and spec and all(isinstance(v, dict) for v in spec.values())
+    is_variants = isinstance(given, dict) and given and all(isinstance(v, dict) for v in given.values())
     if not is_variants:
-        values = _values(src, table, name, spec, "axis")
+        values = _values(src, table, name, given, "axis")
         for v in values:
             _check_assignment(src, table, name, v)
         return _Axis(name, values)
-    for variant, assignments in spec.items():
+    for variant, assignments in given.items():
         if not assignments:
             raise src.error(f"axis '{name}': variant '{variant}' sets nothing", (*table, name), variant)
         for key, value in assignments.items():
             _check_assignment(src, (*table, name, variant), key, value)
-    return _Axis(name, list(spec), variants=spec)
+    return _Axis(name, list(given), variants=given)
 
 
 def _options_args(options, base):
@@ -311,7 +311,7 @@ def read_sweep(path):
     axes_doc = doc.get("axes", {})
     if not isinstance(axes_doc, dict):
         raise src.error("'axes' must be a table", (), "axes")
-    axes = [_read_axis(src, name, spec) for name, spec in axes_doc.items()]
+    axes = [_read_axis(src, name, given) for name, given in axes_doc.items()]
 
     # Each zelsim setting is decided in one place only.
     owner = {_touched(n): "[settings]" if is_key(n) else "[options]" for n in common}
