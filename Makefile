@@ -3,10 +3,10 @@
 # Debian packages are missing, configure, build and run.
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
-PACKAGES := cmake g++ make pkg-config libsystemc-dev libgtest-dev git libcli11-dev nlohmann-json3-dev bsdutils
+PACKAGES := cmake g++ make pkg-config libsystemc-dev libgtest-dev git libcli11-dev nlohmann-json3-dev bsdutils python3-matplotlib python3-pytest
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=Release
 
-.PHONY: all deps configure build run test bench diff-check test-sanitize soak install clean
+.PHONY: all deps configure build run test test-slurm bench diff-check test-sanitize soak install clean
 
 all: build
 
@@ -35,6 +35,13 @@ run: build
 
 test: build
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
+
+# zelsim-sweep on a single-node Slurm cluster started for the test, as root
+# and without systemd: installs Debian's Slurm and munge packages when they
+# are missing, runs a sweep locally and as a job array, compares the two and
+# resubmits a point failed on purpose (apps/sweep/slurm/test-slurm.sh).
+test-slurm: build
+	apps/sweep/slurm/test-slurm.sh $(BUILD_DIR)
 
 # The library and the tests under AddressSanitizer and
 # UndefinedBehaviorSanitizer. The suppression files in tests/sanitizer say
