@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
 
@@ -14,185 +15,12 @@ namespace Internal {
 namespace ZEL2 {
 namespace Soak {
 
-// ---- JSON ---------------------------------------------------------------------------
-
-const JsonValue* JsonValue::Find(const std::string& key) const {
-  for (const auto& m : members) {
-    if (m.first == key) return &m.second;
-  }
-  return nullptr;
-}
-
 namespace {
 
-class JsonReader {
- public:
-  explicit JsonReader(const std::string& text) : s_(text) {}
-
-  bool Read(JsonValue& v, std::string& error) {
-    if (!Value(v, 0)) {
-      error = error_ + " at offset " + std::to_string(pos_);
-      return false;
-    }
-    Blanks();
-    if (pos_ != s_.size()) {
-      error = "text after the value at offset " + std::to_string(pos_);
-      return false;
-    }
-    return true;
-  }
-
- private:
-  void Blanks() {
-    while (pos_ < s_.size() && std::isspace(static_cast<unsigned char>(s_[pos_])) != 0) ++pos_;
-  }
-  bool Fail(const char* what) {
-    error_ = what;
-    return false;
-  }
-  bool Word(const char* word) {
-    const std::size_t n = std::strlen(word);
-    if (s_.compare(pos_, n, word) != 0) return false;
-    pos_ += n;
-    return true;
-  }
-
-  bool Value(JsonValue& v, int depth) {
-    if (depth > 64) return Fail("nesting too deep");
-    Blanks();
-    if (pos_ >= s_.size()) return Fail("value expected");
-    const char c = s_[pos_];
-    if (c == '{') return Object(v, depth);
-    if (c == '[') return Array(v, depth);
-    if (c == '"') {
-      v.type = JsonValue::Type::String;
-      return String(v.text);
-    }
-    if (Word("true")) {
-      v.type = JsonValue::Type::Bool;
-      v.boolean = true;
-      return true;
-    }
-    if (Word("false")) {
-      v.type = JsonValue::Type::Bool;
-      return true;
-    }
-    if (Word("null")) return true;
-    const char* begin = s_.c_str() + pos_;
-    char* end = nullptr;
-    v.number = std::strtod(begin, &end);
-    if (end == begin) return Fail("value expected");
-    v.type = JsonValue::Type::Number;
-    pos_ += static_cast<std::size_t>(end - begin);
-    return true;
-  }
-
-  bool String(std::string& out) {
-    ++pos_;  // the opening quote
-    while (pos_ < s_.size() && s_[pos_] != '"') {
-      char c = s_[pos_++];
-      if (c == '\\') {
-        if (pos_ >= s_.size()) break;
-        c = s_[pos_++];
-        switch (c) {
-          case 'n':
-            c = '\n';
-            break;
-          case 't':
-            c = '\t';
-            break;
-          case 'r':
-            c = '\r';
-            break;
-          case 'b':
-            c = '\b';
-            break;
-          case 'f':
-            c = '\f';
-            break;
-          case 'u': {
-            // Only what zelsim writes: control characters as \u00XX.
-            if (pos_ + 4 > s_.size()) return Fail("bad escape");
-            c = static_cast<char>(std::strtol(s_.substr(pos_, 4).c_str(), nullptr, 16));
-            pos_ += 4;
-            break;
-          }
-          default:
-            break;  // \" \\ \/
-        }
-      }
-      out += c;
-    }
-    if (pos_ >= s_.size()) return Fail("unterminated string");
-    ++pos_;
-    return true;
-  }
-
-  bool Array(JsonValue& v, int depth) {
-    v.type = JsonValue::Type::Array;
-    ++pos_;
-    Blanks();
-    if (pos_ < s_.size() && s_[pos_] == ']') {
-      ++pos_;
-      return true;
-    }
-    for (;;) {
-      v.items.emplace_back();
-      if (!Value(v.items.back(), depth + 1)) return false;
-      Blanks();
-      if (pos_ < s_.size() && s_[pos_] == ',') {
-        ++pos_;
-        continue;
-      }
-      if (pos_ < s_.size() && s_[pos_] == ']') {
-        ++pos_;
-        return true;
-      }
-      return Fail("',' or ']' expected");
-    }
-  }
-
-  bool Object(JsonValue& v, int depth) {
-    v.type = JsonValue::Type::Object;
-    ++pos_;
-    Blanks();
-    if (pos_ < s_.size() && s_[pos_] == '}') {
-      ++pos_;
-      return true;
-    }
-    for (;;) {
-      Blanks();
-      if (pos_ >= s_.size() || s_[pos_] != '"') return Fail("member name expected");
-      std::string key;
-      if (!String(key)) return false;
-      Blanks();
-      if (pos_ >= s_.size() || s_[pos_] != ':') return Fail("':' expected");
-      ++pos_;
-      v.members.emplace_back(key, JsonValue());
-      if (!Value(v.members.back().second, depth + 1)) return false;
-      Blanks();
-      if (pos_ < s_.size() && s_[pos_] == ',') {
-        ++pos_;
-        continue;
-      }
-      if (pos_ < s_.size() && s_[pos_] == '}') {
-        ++pos_;
-        return true;
-      }
-      return Fail("',' or '}' expected");
-    }
-  }
-
-  const std::string& s_;
-  std::size_t pos_ = 0;
-  std::string error_;
-};
-
-uint64_t Count(const JsonValue& object, const char* key) {
-  const JsonValue* v = object.Find(key);
-  return v != nullptr && v->type == JsonValue::Type::Number && v->number > 0
-             ? static_cast<uint64_t>(v->number)
-             : 0;
+// A count of zelsim's results; 0 where it is missing or not a positive number.
+uint64_t Count(const nlohmann::json& object, const char* key) {
+  const auto v = object.find(key);
+  return v != object.end() && v->is_number() && v->get<double>() > 0 ? v->get<uint64_t>() : 0;
 }
 
 bool StartsWith(const std::string& line, const char* prefix) {
@@ -211,11 +39,6 @@ std::vector<std::string> Lines(const std::string& text) {
 constexpr std::size_t kMaxDetails = 12;
 
 }  // namespace
-
-bool ParseJson(const std::string& text, JsonValue& value, std::string& error) {
-  value = JsonValue();
-  return JsonReader(text).Read(value, error);
-}
 
 const std::vector<KnownIssue>& KnownIssues() {
   static const std::vector<KnownIssue> issues = {
@@ -348,17 +171,17 @@ Outcome JudgeOutput(const ChildResult& run) {
   // A deadlocked run's JSON holds its figures at the stop; the deadlock is
   // its verdict.
   if (o.failures.count(Failure::Deadlock) != 0) return o;
-  JsonValue json;
-  std::string error;
-  if (run.json.empty() || !ParseJson(run.json, json, error)) {
+  const nlohmann::json json =
+      run.json.empty() ? nlohmann::json() : nlohmann::json::parse(run.json, nullptr, false);
+  if (run.json.empty() || json.is_discarded()) {
     if (!run.timedOut && o.failures.count(Failure::ModelError) == 0 &&
         o.failures.count(Failure::Deadlock) == 0 && !sanitizer) {
-      fail(Failure::NoResults, run.json.empty() ? "no JSON results" : "JSON results unreadable: " + error);
+      fail(Failure::NoResults, run.json.empty() ? "no JSON results" : "JSON results unreadable");
     }
     return o;
   }
-  const JsonValue* total = json.Find("total");
-  if (total != nullptr && total->type == JsonValue::Type::Object) {
+  const auto total = json.find("total");
+  if (total != json.end() && total->is_object()) {
     RunFigures& f = o.figures;
     f.issued = Count(*total, "issued");
     f.reads = Count(*total, "reads");
@@ -370,9 +193,7 @@ Outcome JudgeOutput(const ChildResult& run) {
     f.requestFlits = Count(*total, "request_flits");
     f.responseFlits = Count(*total, "response_flits");
     f.mismatches = Count(*total, "mismatches");
-    const JsonValue* runObject = json.Find("run");
-    const JsonValue* end = runObject != nullptr ? runObject->Find("end_time_ns") : nullptr;
-    if (end != nullptr) f.endTimeNs = end->number;
+    f.endTimeNs = json.value("/run/end_time_ns"_json_pointer, 0.0);
     o.haveFigures = true;
     if (f.mismatches != 0) {
       fail(Failure::Mismatch, std::to_string(f.mismatches) + " responses did not match their requests",
@@ -389,10 +210,10 @@ Outcome JudgeOutput(const ChildResult& run) {
   } else {
     fail(Failure::NoResults, "JSON results without totals");
   }
-  const JsonValue* rest = json.Find("rest_state");
-  if (rest == nullptr) {
+  const auto rest = json.find("rest_state");
+  if (rest == json.end()) {
     fail(Failure::NoResults, "JSON results without rest_state (zelsim without --check-rest?)");
-  } else if (rest->type == JsonValue::Type::String && rest->text == "ok") {
+  } else if (rest->is_string() && rest->get<std::string>() == "ok") {
     if (!restOk) fail(Failure::NoResults, "JSON says rest state ok, but the output has no \"rest state OK\"");
   } else if (o.restViolations == 0) {
     fail(Failure::RestViolation, "JSON rest_state lists violations the output doesn't");

@@ -18,22 +18,6 @@ namespace Internal {
 namespace ZEL2 {
 namespace Soak {
 
-// A small JSON reader, enough for zelsim's results.
-struct JsonValue {
-  enum class Type { Null, Bool, Number, String, Array, Object };
-  Type type = Type::Null;
-  bool boolean = false;
-  double number = 0;
-  std::string text;
-  std::vector<JsonValue> items;                            // Array
-  std::vector<std::pair<std::string, JsonValue>> members;  // Object, in order
-
-  // The member `key` of an object, or nullptr.
-  const JsonValue* Find(const std::string& key) const;
-};
-// False, with `error` set, when `text` isn't one JSON value.
-bool ParseJson(const std::string& text, JsonValue& value, std::string& error);
-
 // The host's totals over all links, as the JSON results give them.
 struct RunFigures {
   uint64_t issued = 0;

@@ -259,17 +259,6 @@ TEST(SoakVerdict, KnownIssueNeedsItsMessageAndItsSetting) {
   EXPECT_TRUE(Judge(stalled, {"zelsim"}).knownIssue.empty());
 }
 
-TEST(SoakJson, ReadsWhatZelsimWrites) {
-  JsonValue v;
-  std::string error;
-  ASSERT_TRUE(ParseJson("{\"a\": [1, -2.5e1, true, null], \"b\": \"x\\\"y\\u0001\"}", v, error)) << error;
-  ASSERT_EQ(v.Find("a")->items.size(), 4u);
-  EXPECT_DOUBLE_EQ(v.Find("a")->items[1].number, -25);
-  EXPECT_EQ(v.Find("b")->text, std::string("x\"y\x01"));
-  EXPECT_FALSE(ParseJson("{\"a\": 1", v, error));
-  EXPECT_FALSE(ParseJson("{\"a\": 1} x", v, error));
-}
-
 }  // namespace
 }  // namespace Soak
 }  // namespace ZEL2
