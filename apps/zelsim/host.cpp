@@ -158,7 +158,10 @@ void LegalHost::HostThread() {
     // and delta.
     for (std::size_t k = 0; k < longest; ++k) {
       for (HostLink& link : links) {
-        if (k < plan[link.number].size()) cube.addRequestFlit(link.number, *plan[link.number][k]);
+        if (k >= plan[link.number].size()) continue;
+        Flit& flit = *plan[link.number][k];
+        for (HostObserver* observer : observers) observer->FlitSent(link.number, flit);
+        cube.addRequestFlit(link.number, flit);
       }
       wait(sc_core::SC_ZERO_TIME);
     }
@@ -258,6 +261,7 @@ bool LegalHost::StartPacket(HostLink& link) {
                       ResponseFlitCount(request.command, request.length, cfg.FLIT_SIZE), response};
     }
     link.requestTokens -= flitCount;
+    for (HostObserver* observer : observers) observer->RequestIssued(link.number, request);
     for (Flit* flit : BuildRequestFlits(request, tag, cfg.FLIT_SIZE, sc_time_stamp()))
       link.sending.push_back(flit);
 
@@ -296,6 +300,7 @@ void LegalHost::TakeResponse(HostLink& link, Flit* flit) {
   // Marked first: from now on the link may no longer move a packet's tokens
   // up to this flit.
   flit->consumed = true;
+  for (HostObserver* observer : observers) observer->FlitTaken(link.number, *flit);
   // A TOKEN_RETURN without tokens carries nothing: a link that sends only
   // such flits is as stuck as one that sends none.
   if (flit->command != TOKEN_RETURN || flit->returnTokens != 0) lastFlitMove = sc_time_stamp();
@@ -343,10 +348,12 @@ void LegalHost::CompletePacket(HostLink& link) {
     const bool commandOk = head->command == expected.response;
     const bool lengthOk = link.arriving.size() == expected.responseFlits;
     const bool addressOk = head->address == expected.request.address;
-    if (commandOk && lengthOk && addressOk) {
+    const sc_time latency = sc_time_stamp() - expected.sentAt;
+    const bool matched = commandOk && lengthOk && addressOk;
+    if (matched) {
       ++link.stats.completed;
       if (expected.request.command == RD) link.stats.bytesRead += expected.request.length;
-      link.stats.latency.Add(Nanoseconds(sc_time_stamp() - expected.sentAt));
+      link.stats.latency.Add(Nanoseconds(latency));
     } else {
       // The text is built only when Mismatch will print it: on the normal
       // path, and past the message limit, a response costs no formatting.
@@ -364,6 +371,8 @@ void LegalHost::CompletePacket(HostLink& link) {
       }
       Mismatch(link, what.str(), head);
     }
+    for (HostObserver* observer : observers)
+      observer->RequestAnswered(link.number, expected.request, matched, latency);
     link.freeTags.push_back(found->first);
     link.outstanding.erase(found);
   }

@@ -41,6 +41,27 @@ class RequestSource {
   virtual bool Exhausted() const = 0;
 };
 
+// Looks at the traffic as the host sees it, for reports that follow a run
+// as it goes (a timeline, a trace of the links, a log of the responses).
+// Each call comes while the flit or request is alive and unchanged.
+class HostObserver {
+ public:
+  virtual ~HostObserver() = default;
+  // A flit the host writes to a link, requests and TOKEN_RETURN flits alike,
+  // as it writes it.
+  virtual void FlitSent(unsigned /*link*/, const Flit& /*flit*/) {}
+  // A flit the host takes from a link, whatever its command, before the host
+  // looks at it.
+  virtual void FlitTaken(unsigned /*link*/, const Flit& /*flit*/) {}
+  // A request whose first flit goes out now.
+  virtual void RequestIssued(unsigned /*link*/, const Request& /*request*/) {}
+  // A non-posted request whose response packet is in: `matched` when it
+  // matched the request (the request then counts as completed, after
+  // `latency`), false when the host counted a mismatch.
+  virtual void RequestAnswered(unsigned /*link*/, const Request& /*request*/, bool /*matched*/,
+                               const sc_core::sc_time& /*latency*/) {}
+};
+
 // What the host asks of the wrapper's setters before it turns the links on.
 struct HostSetup {
   int cubeSize = -1;      // setCubeSize encoding; -1: not called
@@ -139,6 +160,8 @@ class LegalHost : public sc_core::sc_module {
   sc_core::sc_time lastFlitMove = sc_core::SC_ZERO_TIME;
   // The watchdog stopped the kernel (HostSetup::deadlockTimeout).
   bool deadlocked = false;
+  // Told of the traffic, in this order; none by default.
+  std::vector<HostObserver*> observers;
 
   SC_HAS_PROCESS(LegalHost);
   LegalHost(sc_core::sc_module_name name, Cube2in1Wrapper& cube, RequestSource& source,
