@@ -99,6 +99,14 @@ class JobInitiator : public sc_core::sc_module, public tlm::tlm_bw_transport_if<
   unsigned inFlight = 0;
   unsigned mostInFlight = 0;
   bool done = false;  // every job answered
+  // When set, the initiator issues on this clock's rising edges instead of
+  // waiting for times of its own, so that it adds no timed event to the
+  // kernel; the cube's order of processes within a time step then stays as
+  // it is without the initiator.
+  const sc_core::sc_signal<bool>* clock = nullptr;
+  // When set, counts the initiators still playing; the last to finish stops
+  // the kernel.
+  unsigned* playing = nullptr;
 
   SC_HAS_PROCESS(JobInitiator);
   JobInitiator(sc_core::sc_module_name name, Style style) : sc_module(name), socket("socket"), style(style) {
@@ -158,7 +166,10 @@ class JobInitiator : public sc_core::sc_module, public tlm::tlm_bw_transport_if<
     job.status = job.payload.get_response_status();
     ++job.responses;
     --inFlight;
-    if (++answered_ == jobs.size()) done = true;
+    if (++answered_ == jobs.size()) {
+      done = true;
+      if (playing != nullptr && --*playing == 0) sc_core::sc_stop();
+    }
   }
   void Blocking(Job* job) {
     job->sentAt = sc_core::sc_time_stamp();
@@ -169,6 +180,7 @@ class JobInitiator : public sc_core::sc_module, public tlm::tlm_bw_transport_if<
   }
   void Run() {
     for (JobPtr& job : jobs) {
+      while (clock != nullptr && sc_core::sc_time_stamp() < job->issueAt) wait(clock->posedge_event());
       if (sc_core::sc_time_stamp() < job->issueAt) wait(job->issueAt - sc_core::sc_time_stamp());
       mostInFlight = std::max(mostInFlight, ++inFlight);
       if (style == Style::Blocking) {
@@ -236,6 +248,15 @@ struct Platform {
     const sc_core::sc_time step(1, sc_core::SC_US);
     while (sc_core::sc_time_stamp() < limit && !AllDone()) sc_core::sc_start(step);
   }
+  // Issues on the cube's clock and runs until every initiator is done.
+  void RunClocked() {
+    playing_ = static_cast<unsigned>(initiators.size());
+    for (JobInitiator* initiator : initiators) {
+      initiator->clock = &cube->clkSignal;
+      initiator->playing = &playing_;
+    }
+    sc_core::sc_start();
+  }
   bool AllDone() const {
     for (const JobInitiator* initiator : initiators) {
       if (!initiator->done && !initiator->jobs.empty()) return false;
@@ -247,6 +268,9 @@ struct Platform {
     for (const auto* checker : checkers) count += checker->rules.Violations();
     return count;
   }
+
+ private:
+  unsigned playing_ = 0;
 };
 
 }  // namespace zelsim_test
