@@ -442,6 +442,18 @@ TEST_P(TlmTargetMapping, EachPacketGoesOnItsLink) {
   }
 }
 
+namespace Sornak {
+namespace Internal {
+namespace ZEL2 {
+namespace Host {
+void PrintTo(LinkMapping mapping, std::ostream* out);
+}  // namespace Host
+}  // namespace ZEL2
+}  // namespace Internal
+}  // namespace Sornak
+
+namespace {
+
 std::string MappingName(const ::testing::TestParamInfo<LinkMapping>& info) {
   switch (info.param) {
     case LinkMapping::ByInitiator:
@@ -452,6 +464,12 @@ std::string MappingName(const ::testing::TestParamInfo<LinkMapping>& info) {
       break;
   }
   return "RoundRobin";
+}
+
+}  // namespace
+
+void Sornak::Internal::ZEL2::Host::PrintTo(LinkMapping mapping, std::ostream* out) {
+  *out << MappingName(::testing::TestParamInfo<LinkMapping>(mapping, 0));
 }
 
 INSTANTIATE_TEST_SUITE_P(Mappings, TlmTargetMapping,
