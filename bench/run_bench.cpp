@@ -181,6 +181,8 @@ struct Options {
   unsigned floorProcesses = 64;
   bool kinds = true;
   std::vector<std::string> only;
+  std::string baseline;  // a second zelsim to compare with, side by side
+  std::string printCommand;  // a workload whose command line to print
 };
 
 // The kernel floor program's other kinds of process, each timed with this
@@ -193,10 +195,15 @@ constexpr unsigned kKindProcesses = 192;
 void Usage(std::ostream& out) {
   out << "Usage: run_bench [--json FILE] [--sim-us US] [--repeat N] [--only NAME]... [--zelsim PATH]\n"
          "                 [--kernel-floor PATH] [--floor-processes N] [--no-kinds]\n"
+         "                 [--baseline PATH] [--print-command NAME]\n"
          "Times zelsim on the standard workloads and the kernel floor, prints a table and\n"
          "optionally writes the figures as JSON. With --repeat, each program runs N times\n"
          "and the fastest run counts. --no-kinds leaves out the kernel floor's other kinds\n"
-         "(staggered methods, threads, event-queue wakes). Workloads:";
+         "(staggered methods, threads, event-queue wakes). --baseline runs a second zelsim\n"
+         "alternately with the first on each workload, at least 3 rounds, and prints the\n"
+         "median ratio of the time per request. --print-command prints the workload's\n"
+         "zelsim command line (at --sim-us, JSON to results.json) and runs nothing.\n"
+         "Workloads:";
   for (const Workload& w : kWorkloads) out << " " << w.name;
   out << "\n";
 }
@@ -223,6 +230,10 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.floor = v;
     } else if (arg == "--floor-processes" && (v = value())) {
       options.floorProcesses = static_cast<unsigned>(std::strtoul(v, nullptr, 10));
+    } else if (arg == "--baseline" && (v = value())) {
+      options.baseline = v;
+    } else if (arg == "--print-command" && (v = value())) {
+      options.printCommand = v;
     } else if (arg == "--no-kinds") {
       options.kinds = false;
     } else {
@@ -277,9 +288,10 @@ bool RunFloor(const Options& options, FloorResult& result, unsigned tries) {
   return true;
 }
 
-bool RunWorkload(const Options& options, const Workload& workload, WorkloadResult& result) {
-  const std::string json = TempPath("zelsimbench");
-  std::vector<std::string> argv = {options.zelsim,
+// zelsim's command line for one workload, the program itself first.
+std::vector<std::string> WorkloadCommand(const Options& options, const std::string& program,
+                                         const Workload& workload, const std::string& json) {
+  std::vector<std::string> argv = {program,
                                    "--seed",
                                    "1",
                                    "--set",
@@ -297,25 +309,86 @@ bool RunWorkload(const Options& options, const Workload& workload, WorkloadResul
     argv.push_back(setting);
   }
   argv.insert(argv.end(), workload.options.begin(), workload.options.end());
-  result.workload = &workload;
+  return argv;
+}
+
+// One run of `program` on the workload; false when it failed.
+bool RunWorkloadOnce(const Options& options, const std::string& program, const Workload& workload,
+                     WorkloadResult& run) {
+  const std::string json = TempPath("zelsimbench");
+  const ChildRun child = RunChild(WorkloadCommand(options, program, workload, json), "");
+  const std::string text = ReadFile(json);
+  std::remove(json.c_str());
+  if (!Succeeded(child) || text.empty()) {
+    std::cerr << "run_bench: " << program << " failed on workload " << workload.name << "\n";
+    return false;
+  }
+  const size_t total = text.find("\"total\":");
+  run.workload = &workload;
+  run.wallSeconds = child.wallSeconds;
+  run.cpuSeconds = child.cpuSeconds;
+  run.peakRssKb = child.peakRssKb;
+  run.simulatedNs = JsonNumberAfter(text, "end_time_ns");
+  run.requests = JsonNumberAfter(text, "completed", total) + JsonNumberAfter(text, "posted", total);
+  return true;
+}
+
+bool RunWorkload(const Options& options, const Workload& workload, WorkloadResult& result) {
   for (unsigned r = 0; r < options.repeat; ++r) {
-    const ChildRun run = RunChild(argv, "");
-    const std::string text = ReadFile(json);
-    if (!Succeeded(run) || text.empty()) {
-      std::cerr << "run_bench: zelsim failed on workload " << workload.name << "\n";
-      std::remove(json.c_str());
-      return false;
-    }
+    WorkloadResult run;
+    if (!RunWorkloadOnce(options, options.zelsim, workload, run)) return false;
     if (r == 0 || run.wallSeconds < result.wallSeconds) {
-      const size_t total = text.find("\"total\":");
       result.wallSeconds = run.wallSeconds;
-      result.simulatedNs = JsonNumberAfter(text, "end_time_ns");
-      result.requests = JsonNumberAfter(text, "completed", total) + JsonNumberAfter(text, "posted", total);
+      result.simulatedNs = run.simulatedNs;
+      result.requests = run.requests;
     }
     if (r == 0 || run.cpuSeconds < result.cpuSeconds) result.cpuSeconds = run.cpuSeconds;
     result.peakRssKb = std::max(result.peakRssKb, run.peakRssKb);
+    result.workload = &workload;
   }
-  std::remove(json.c_str());
+  return true;
+}
+
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const size_t n = values.size();
+  return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+// Side by side with a baseline zelsim: the two programs alternate, the
+// baseline first in odd rounds, so that a busy neighbour weighs on both
+// alike. Prints the wall and CPU time per request of each run and the median
+// ratio (this build over the baseline) of each; 0.75 is a quarter less.
+bool CompareWithBaseline(const Options& options, const Workload& workload, std::ostream& json) {
+  const unsigned rounds = std::max(3u, options.repeat);
+  std::vector<double> wallRatios, cpuRatios;
+  std::cout << "\n" << workload.name << " against the baseline " << options.baseline
+            << ", time per request (us), " << rounds << " rounds:\n";
+  json << "{\"name\": " << JsonString(workload.name) << ", \"rounds\": [";
+  for (unsigned r = 0; r < rounds; ++r) {
+    WorkloadResult mine, base;
+    const bool baseFirst = r % 2 == 1;
+    if (baseFirst && !RunWorkloadOnce(options, options.baseline, workload, base)) return false;
+    if (!RunWorkloadOnce(options, options.zelsim, workload, mine)) return false;
+    if (!baseFirst && !RunWorkloadOnce(options, options.baseline, workload, base)) return false;
+    const double mineWall = mine.wallSeconds * 1e6 / mine.requests;
+    const double baseWall = base.wallSeconds * 1e6 / base.requests;
+    const double mineCpu = mine.cpuSeconds * 1e6 / mine.requests;
+    const double baseCpu = base.cpuSeconds * 1e6 / base.requests;
+    wallRatios.push_back(mineWall / baseWall);
+    cpuRatios.push_back(mineCpu / baseCpu);
+    std::cout << "  round " << r + 1 << std::fixed << std::setprecision(2) << ": wall " << mineWall
+              << " vs " << baseWall << " (" << std::setprecision(3) << wallRatios.back() << "), cpu "
+              << std::setprecision(2) << mineCpu << " vs " << baseCpu << " (" << std::setprecision(3)
+              << cpuRatios.back() << ")\n";
+    json << (r == 0 ? "" : ", ") << "{\"wall_us\": " << Num(mineWall) << ", \"baseline_wall_us\": "
+         << Num(baseWall) << ", \"cpu_us\": " << Num(mineCpu) << ", \"baseline_cpu_us\": "
+         << Num(baseCpu) << "}";
+  }
+  std::cout << "  median ratio: wall " << std::setprecision(3) << Median(wallRatios) << ", cpu "
+            << Median(cpuRatios) << "\n";
+  json << "], \"median_wall_ratio\": " << Num(Median(wallRatios))
+       << ", \"median_cpu_ratio\": " << Num(Median(cpuRatios)) << "}";
   return true;
 }
 
@@ -376,7 +449,8 @@ void WriteRatios(std::ostream& out, const WorkloadResult& r, double seconds, dou
 }
 
 bool WriteJson(const std::string& path, const Options& options, const FloorResult& floor,
-               const std::vector<FloorResult>& kinds, const std::vector<WorkloadResult>& results) {
+               const std::vector<FloorResult>& kinds, const std::vector<WorkloadResult>& results,
+               const std::string& baselineRuns) {
   std::ofstream out(path);
   out << "{\n  \"simulated_us\": " << Num(options.simulatedUs) << ",\n  \"repeat\": " << options.repeat
       << ",\n  \"cpu\": " << JsonString(CpuModel())
@@ -410,7 +484,11 @@ bool WriteJson(const std::string& path, const Options& options, const FloorResul
     out << ", \"peak_rss_ratio\": " << Num(double(r.peakRssKb) / double(floor.peakRssKb)) << "}}"
         << (i + 1 < results.size() ? ",\n" : "\n");
   }
-  out << "  ]\n}\n";
+  out << "  ]";
+  if (!options.baseline.empty())
+    out << ",\n  \"baseline\": " << JsonString(options.baseline) << ",\n  \"against_baseline\": [\n    "
+        << baselineRuns << "\n  ]";
+  out << "\n}\n";
   return static_cast<bool>(out);
 }
 
@@ -419,6 +497,20 @@ bool WriteJson(const std::string& path, const Options& options, const FloorResul
 int main(int argc, char** argv) {
   Options options;
   if (!ParseOptions(argc, argv, options)) return 2;
+  if (!options.printCommand.empty()) {
+    for (const Workload& workload : kWorkloads) {
+      if (workload.name != options.printCommand) continue;
+      const char* separator = "";
+      for (const std::string& arg : WorkloadCommand(options, options.zelsim, workload, "results.json")) {
+        std::cout << separator << arg;
+        separator = " ";
+      }
+      std::cout << "\n";
+      return 0;
+    }
+    std::cerr << "run_bench: unknown workload '" << options.printCommand << "'\n";
+    return 2;
+  }
 
   FloorResult floor;
   floor.processes = options.floorProcesses;
@@ -445,8 +537,17 @@ int main(int argc, char** argv) {
     if (!RunFloor(options, floor, 1)) return 1;
   }
   PrintTable(options, floor, kinds, results);
+  std::ostringstream baselineJson;
+  if (!options.baseline.empty()) {
+    const char* separator = "";
+    for (const WorkloadResult& result : results) {
+      baselineJson << separator;
+      if (!CompareWithBaseline(options, *result.workload, baselineJson)) return 1;
+      separator = ",\n    ";
+    }
+  }
   if (!options.json.empty()) {
-    if (!WriteJson(options.json, options, floor, kinds, results)) {
+    if (!WriteJson(options.json, options, floor, kinds, results, baselineJson.str())) {
       std::cerr << "run_bench: can't write " << options.json << "\n";
       return 1;
     }

@@ -131,7 +131,9 @@ TEST(Corrections, BatchingHostStallsTheSmoothingBuffersUnlessCorrected) {
   const ChildRun literal = RunZelsimChild(args, "");
   EXPECT_EQ(literal.status, kExitDeadlock) << literal.out;
   EXPECT_TRUE(Contains(literal.out, "zelsim: deadlock: no flit moved for 20000 ns")) << literal.out;
-  const ChildRun corrected = RunZelsimChild(args, "smoothing-stall");
+  std::vector<std::string> correctedArgs = args;
+  correctedArgs.insert(correctedArgs.end(), {"--correct", "smoothing-stall"});
+  const ChildRun corrected = RunZelsimChild(correctedArgs, "");
   EXPECT_EQ(corrected.status, kExitClean) << corrected.out;
   EXPECT_TRUE(Contains(corrected.out, "Response mismatches: 0; unanswered at the end: 0")) << corrected.out;
 }

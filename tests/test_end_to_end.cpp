@@ -107,7 +107,7 @@ RunResults RunCleanToRest(const std::vector<std::string>& sets, std::vector<std:
   const LinkResults total = results.Total();
   EXPECT_EQ(total.mismatches + total.outstanding, 0u);
   EXPECT_EQ(total.completed + total.posted, total.issued);
-  EXPECT_EQ(total.latency.count, total.completed);
+  EXPECT_EQ(total.Latency().Count(), total.completed);
   for (const GeneratorResults& g : results.generators) EXPECT_EQ(g.issued, g.generated);
   return results;
 }
@@ -135,7 +135,7 @@ TEST(EndToEnd, OneReadAndOneWriteFromEveryLinkToEveryQuadAndTheRestCheck) {
   // address: four 5-flit read responses and four 1-flit write responses.
   for (const LegalHost::HostLink& link : bench.host->links) {
     const LinkResults& r = link.stats;
-    EXPECT_EQ(std::make_tuple(r.mismatches, r.reads, r.writes, r.completed, r.latency.count, r.bytesRead),
+    EXPECT_EQ(std::make_tuple(r.mismatches, r.reads, r.writes, r.completed, r.Latency().Count(), r.bytesRead),
               std::make_tuple(0u, 4u, 4u, 8u, 8u, 4u * 64u))
         << "link " << link.number;
     EXPECT_EQ(std::make_tuple(r.responseFlits, r.requestFlits), std::make_tuple(4u * 5u + 4u, 4u + 4u * 3u));

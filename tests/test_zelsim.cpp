@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 #include <string>
@@ -18,6 +20,7 @@
 #include "apps/zelsim/host.h"
 #include "apps/zelsim/options.h"
 #include "apps/zelsim/results.h"
+#include "apps/zelsim/timeline.h"
 #include "test_support.h"
 
 using namespace Sornak::Internal::ZEL2;
@@ -72,7 +75,7 @@ RunResults RunClean(const std::vector<std::string>& args, int status = kExitClea
   const LinkResults total = r.Total();
   EXPECT_EQ(total.mismatches + total.outstanding, 0u);
   EXPECT_EQ(total.completed + total.posted, total.issued);
-  EXPECT_EQ(total.latency.count, total.completed);
+  EXPECT_EQ(total.Latency().Count(), total.completed);
   for (const LinkResults& link : r.links) EXPECT_EQ(link.requestTokensHeld, 100u) << "link " << link.link;
   for (const GeneratorResults& g : r.generators) EXPECT_TRUE(g.done && g.issued == g.generated);
   return r;
@@ -142,11 +145,43 @@ TEST(ZelsimKeys, SourcesApplyInOrderAndTokenVariablesReachTheirLimits) {
 TEST(ZelsimCommandLine, HelpAndVersionEndAtOnce) {
   std::string out;
   EXPECT_EQ(RunBench({"--set", "NUM_QUADS=2", "--help"}, nullptr, &out), kExitClean);  // before any check
-  EXPECT_EQ(out.rfind("Usage: zelsim", 0), 0u) << out;
+  EXPECT_NE(out.find("\nUsage: zelsim [OPTIONS]\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("\n  --timeline FILE "), std::string::npos) << out;
   EXPECT_EQ(out.find("--no-config-guards"), std::string::npos);  // for tests only
   EXPECT_EQ(RunBench({"--version"}, nullptr, &out), kExitClean);
   EXPECT_EQ(out.rfind("zelsim ", 0), 0u) << out;
   EXPECT_EQ(out.find('\n'), out.size() - 1);
+}
+
+// Repeated options: --config and --set keep their order among each other,
+// the last of a single-valued option wins, and corrections are recorded in
+// their listed order, each once.
+TEST(ZelsimCommandLine, RepeatedOptionsKeepTheirMeaning) {
+  const char* argv[] = {"zelsim",     "--set",          "A=1",
+                        "--config",   "f.ini",          "--set=B=2",
+                        "--correct",  "bank-ownership", "--correct=all",
+                        "--progress", "--no-progress",  "--seed",
+                        "5",          "--seed=6",       "--no-config-guards"};
+  Options options;
+  std::string error;
+  ASSERT_EQ(ParseCommandLine(sizeof argv / sizeof argv[0], argv, options, error), ParseStatus::Run) << error;
+  ASSERT_EQ(options.sources.size(), 3u);
+  EXPECT_EQ(std::make_tuple(options.sources[0].isFile, options.sources[0].text),
+            std::make_tuple(false, "A=1"));
+  EXPECT_EQ(std::make_tuple(options.sources[1].isFile, options.sources[1].text),
+            std::make_tuple(true, "f.ini"));
+  EXPECT_EQ(options.sources[2].text, "B=2");
+  EXPECT_EQ(options.corrections, CorrectionNames());
+  EXPECT_EQ(options.progress, ProgressMode::Off);
+  EXPECT_EQ(options.seed, 6u);
+  EXPECT_FALSE(options.configGuards);
+
+  const char* one[] = {"zelsim", "--correct", "bank-ownership", "--correct", "bank-ownership"};
+  Options single;
+  ASSERT_EQ(ParseCommandLine(5, one, single, error), ParseStatus::Run) << error;
+  EXPECT_EQ(single.corrections, std::vector<std::string>{"bank-ownership"});
+  EXPECT_EQ(single.progress, ProgressMode::Auto);
+  EXPECT_TRUE(single.configGuards);
 }
 
 // Bad input, values the bench can't run with, and configurations the cube
@@ -174,9 +209,17 @@ TEST(ZelsimCommandLine, BadInputStopsWithStatus2AndOneLine) {
       {{"--config", dir.Write("k4.ini", "= 5\n")}, {"k4.ini", "no key"}},
       {{"--frobnicate"}, {"unknown option '--frobnicate'"}},
       {{"extra"}, {"unexpected argument 'extra'"}},
-      {{"--seed"}, {"--seed needs a value"}},
-      {{"--dump-state=yes"}, {"--dump-state takes no value"}},
-      {{"--seed", "x"}, {"'x' for --seed"}},
+      {{"--seed"}, {"--seed", "missing"}},
+      {{"--dump-state=yes"}, {"dump-state"}},
+      {{"--seed", "x"}, {"--seed: bad value 'x'"}},
+      {{"--seed", "0x10"}, {"--seed: bad value '0x10'"}},
+      {{"--interval", "0"}, {"--interval: bad value '0'"}},
+      {{"--correct", "all", "--correct", "smoothing"}, {"--correct", "unknown correction 'smoothing'"}},
+      {{"--json", ""}, {"--json", "file name"}},
+      {{"--report", dir.path + "/no/such/report.txt"}, {"can't write report file", "report.txt"}},
+      {{"--timeline", dir.path + "/no/such/t.csv"}, {"can't write timeline file", "t.csv"}},
+      {{"--vcd", dir.path + "/no/such/t.vcd"}, {"can't write VCD file", "t.vcd"}},
+      {{"--responses", dir.path + "/no/such/r.txt"}, {"can't write responses file", "r.txt"}},
       {{"--link-rate", "45"}, {"--link-rate"}},
       {{"--cube-size", "3"}, {"--cube-size"}},
       {{"--deadlock-timeout", "1000000000001"}, {"--deadlock-timeout"}},
@@ -334,26 +377,119 @@ TEST(ZelsimHost, FlitsPerCycleAsTheLinkCountsThem) {
     EXPECT_EQ(FlitsPerCoreCycle(zelsim_test::Ps(1600), zelsim_test::Ps(flitTime), 3), flits) << flitTime;
 }
 
-// What the golden runs can't show: an idle link, escapes, and the rest
-// state's field.
-TEST(ZelsimResults, JsonOfAnIdleLinkEscapesAndRestState) {
+// What the golden runs can't show: a link without traffic left out, an
+// empty distribution, the rest state's field, and the configuration typed.
+TEST(ZelsimResults, JsonLeavesIdleLinksOutAndKeepsValuesTyped) {
   RunResults results;
-  results.links = {LinkResults()};
+  results.links.resize(2);
+  results.links[1].link = 1;
+  results.links[1].issued = results.links[1].posted = results.links[1].writes = 1;
   results.mismatchMessages = {"tag \"5\"\tlost"};
-  std::ostringstream json;
-  WriteJson(json, results);
-  for (const char* field :
-       {"{\"count\": 0, \"mean\": null, \"min\": null, \"max\": null}", "\"tag \\\"5\\\"\\tlost\""})
-    EXPECT_NE(json.str().find(field), std::string::npos) << field << " in\n" << json.str();
-  EXPECT_EQ(JsonString(std::string("a\x01", 2)), "\"a\\u0001\"");
+  results.restChecked = true;
+  results.restViolations = {"vsw0: a \"b\""};
+  Config cfg;
+  cfg.LINK_SPEED = 0.1f;
+  cfg.STATS_FILENAME = "s.txt";
+  std::ostringstream text;
+  WriteJson(text, results, cfg);
+  const nlohmann::json json = nlohmann::json::parse(text.str());
 
-  const std::string text = "{\n  \"seed\": 1,\n  \"mismatch_messages\": []\n}\n";
-  EXPECT_EQ(JsonWithRestState(text, {}),
-            "{\n  \"seed\": 1,\n  \"mismatch_messages\": [],\n  \"rest_state\": \"ok\"\n}\n");
-  EXPECT_EQ(
-      JsonWithRestState(text, {"vsw0: a \"b\"", "link1: c"}),
-      "{\n  \"seed\": 1,\n  \"mismatch_messages\": [],\n  \"rest_state\": [\n    \"vsw0: a \\\"b\\\"\",\n"
-      "    \"link1: c\"\n  ]\n}\n");
+  ASSERT_EQ(json["links"].size(), 1u);
+  EXPECT_EQ(json["links"][0]["link"], 1);
+  EXPECT_EQ(json["run"]["traffic_time_ns"], 0);
+  const nlohmann::json& all = json["total"]["latency_ns"]["all"];
+  EXPECT_EQ(all["count"], 0);
+  EXPECT_TRUE(all["p50"].is_null() && all["max"].is_null());
+  EXPECT_TRUE(all["histogram"]["bounds_ns"].empty() && all["histogram"]["counts"].empty());
+  EXPECT_EQ(json["total"]["bandwidth_gbps"]["write"], 0);  // no time, no rate
+  EXPECT_EQ(json["mismatch_messages"][0], results.mismatchMessages[0]);
+  EXPECT_EQ(json["rest_state"][0], results.restViolations[0]);
+
+  const nlohmann::json& config = json["config"];
+  EXPECT_EQ(config.size(), NUM_CONFIG_KEYS);
+  EXPECT_EQ(config["CORE_CLK"], 1.6);
+  EXPECT_EQ(config["LINK_SPEED"], 0.1);
+  EXPECT_EQ(config["NUM_LINKS"], 4);
+  EXPECT_EQ(config["DUMP_STATE"], true);
+  EXPECT_EQ(config["STATS_FILENAME"], "s.txt");
+}
+
+// The histogram's percentiles against exact nearest-rank ones, over
+// latencies from a few picoseconds to a millisecond; merged histograms
+// against one that saw everything.
+TEST(ZelsimLatency, PercentilesStayWithinTheStatedError) {
+  EXPECT_LE(LatencyHistogram::kRelativeError, 0.01);
+  Rng rng(5);
+  std::vector<uint64_t> latencies;
+  LatencyHistogram whole, first, second;
+  for (unsigned i = 0; i < 20000; ++i) {
+    // Spread over nine decades, as the runs of a sweep may be.
+    const uint64_t ps = 1 + rng.Below(uint64_t{1} << rng.Below(31));
+    latencies.push_back(ps);
+    whole.Add(ps);
+    (i % 3 == 0 ? first : second).Add(ps);
+  }
+  first.Merge(second);
+  std::vector<uint64_t> sorted = latencies;
+  std::sort(sorted.begin(), sorted.end());
+  for (const unsigned perMille : {1u, 100u, 500u, 900u, 950u, 990u, 999u, 1000u}) {
+    const double exact = static_cast<double>(sorted[(sorted.size() * perMille + 999) / 1000 - 1]);
+    EXPECT_NEAR(whole.PercentilePs(perMille), exact, exact * LatencyHistogram::kRelativeError) << perMille;
+    EXPECT_EQ(first.PercentilePs(perMille), whole.PercentilePs(perMille)) << perMille;
+    std::vector<uint64_t> scratch = latencies;
+    EXPECT_EQ(ExactPercentilePs(scratch, perMille), exact) << perMille;
+  }
+  EXPECT_EQ(whole.MinPs(), sorted.front());
+  EXPECT_EQ(whole.MaxPs(), sorted.back());
+  // The buckets run without a gap, hold what they count, and count it all.
+  uint64_t counted = 0;
+  const std::vector<LatencyHistogram::Bucket> buckets = whole.Buckets();
+  for (std::size_t b = 0; b < buckets.size(); ++b) {
+    if (b > 0) EXPECT_EQ(buckets[b].lowPs, buckets[b - 1].highPs);
+    const auto inside = std::count_if(sorted.begin(), sorted.end(), [&](uint64_t ps) {
+      return ps >= buckets[b].lowPs && ps < buckets[b].highPs;
+    });
+    EXPECT_EQ(buckets[b].count, static_cast<uint64_t>(inside)) << buckets[b].lowPs;
+    counted += buckets[b].count;
+  }
+  EXPECT_EQ(counted, latencies.size());
+  // One latency: every figure is that latency.
+  LatencyHistogram one;
+  one.Add(123457);
+  EXPECT_EQ(Summarise(one).p50Ns, 123.457);
+  EXPECT_EQ(Summarise(one).p999Ns, 123.457);
+}
+
+// ---- The timeline ---------------------------------------------------------------
+
+// Two links, intervals of 10 ns. An event on an interval's end belongs to
+// it; quiet intervals still get their row; the last row ends with the run.
+TEST(ZelsimTimeline, RowsCoverTheRunIntervalByInterval) {
+  std::ostringstream csv;
+  Timeline timeline(csv, 10000, 2);
+  const Request read{RD, 0, 64, 0};
+  const Request write{WR, 0, 32, 1};
+  const Request posted{P_WR, 0, 16, 1};
+  timeline.Issued(0, read, 0);
+  timeline.Issued(1, write, 2000);
+  timeline.Issued(1, posted, 3000);
+  timeline.Answered(0, read, true, 10000, 10000);  // on the first interval's end
+  timeline.Issued(0, read, 10000);
+  timeline.Answered(1, write, false, 5000, 25000);  // a mismatch: answered, not completed
+  timeline.Issued(0, read, 41000);
+  timeline.Answered(0, read, true, 31500, 41500);
+  timeline.Finish(43000);
+  timeline.Issued(0, read, 44000);  // after the end: not counted
+
+  const std::vector<std::string> rows = zelsim_test::Lines(csv.str());
+  ASSERT_EQ(rows.size(), 6u) << csv.str();
+  EXPECT_EQ(rows[0].substr(0, 56), "start_ns,end_ns,link0_completed,link0_bytes_read,link0_b");
+  EXPECT_NE(rows[0].find(",link1_outstanding,all_completed,"), std::string::npos);
+  EXPECT_EQ(rows[1], "0,10,1,64,0,6.4,0,10.000,10,1,0,0,48,0,4.8,,,1,1,64,48,6.4,4.8,10.000,10,2");
+  EXPECT_EQ(rows[2], "10,20,0,0,0,0,0,,,1,0,0,0,0,0,,,1,0,0,0,0,0,,,2");
+  EXPECT_EQ(rows[3], "20,30,0,0,0,0,0,,,1,0,0,0,0,0,,,0,0,0,0,0,0,,,1");
+  EXPECT_EQ(rows[4], "30,40,0,0,0,0,0,,,1,0,0,0,0,0,,,0,0,0,0,0,0,,,1");
+  EXPECT_EQ(rows[5], "40,43,1,64,0,21.3333,0,31.500,31.5,1,0,0,0,0,0,,,0,1,64,0,21.3333,0,31.500,31.5,1");
 }
 
 // Each limit of the cube at its boundary passes and one step beyond is
@@ -501,12 +637,18 @@ TEST(ZelsimEnds, AModelStopWithStatus0EndsWithStatus3) {
 // A vault controller that can't hold a transaction's commands takes none:
 // requests pile up and no flit moves.
 TEST(ZelsimEnds, TheWatchdogReportsADeadlockWithTheStateOfTheCube) {
+  zelsim_test::TempDir dir;
   std::string err;
   std::string out;
-  EXPECT_EQ(RunBench(Args({"--no-config-guards", "--deadlock-timeout", "500"},
+  EXPECT_EQ(RunBench(Args({"--no-config-guards", "--deadlock-timeout", "500", "--json", dir.path + "/d.json"},
                           {"REQUEST_Q_CAPACITY=0", "SIM_TIME=0"}),
                      &err, &out),
             kExitDeadlock);
+  // The JSON tells of the deadlock, with the requests it left open.
+  const nlohmann::json json = nlohmann::json::parse(zelsim_test::ReadFile(dir.path + "/d.json"));
+  EXPECT_EQ(json["run"]["deadlock"], true);
+  EXPECT_EQ(json["run"]["drained"], false);
+  EXPECT_GT(json["total"]["outstanding"].get<int>(), 0);
   EXPECT_NE(err.find("zelsim: deadlock: no flit moved for 500 ns with "), std::string::npos) << err;
   EXPECT_NE(err.find(" requests outstanding\n"), std::string::npos) << err;
   const std::size_t line = out.find("zelsim: deadlock: no flit moved for 500 ns");

@@ -29,14 +29,17 @@ const char* const kCorrectionNames[Corrections::kCount] = {"smoothing-stall", "b
 
 const char* const* Corrections::AllNames() { return kCorrectionNames; }
 
-std::string Corrections::Names() const {
+std::vector<std::string> Corrections::List() const {
   const bool on[kCount] = {smoothingStall, bankOwnership};
+  std::vector<std::string> names;
+  for (unsigned i = 0; i < kCount; ++i)
+    if (on[i]) names.push_back(kCorrectionNames[i]);
+  return names;
+}
+
+std::string Corrections::Names() const {
   std::string names;
-  for (unsigned i = 0; i < kCount; ++i) {
-    if (!on[i]) continue;
-    if (!names.empty()) names += ", ";
-    names += kCorrectionNames[i];
-  }
+  for (const std::string& name : List()) names += (names.empty() ? "" : ", ") + name;
   return names;
 }
 

@@ -9,6 +9,7 @@
 #include <map>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <systemc>
 
@@ -202,7 +203,9 @@ struct Corrections {
   bool bankOwnership = false;
 
   bool Any() const { return smoothingStall || bankOwnership; }
-  // The names of the corrections that are on, ", " between them.
+  // The names of the corrections that are on, in the order of AllNames().
+  std::vector<std::string> List() const;
+  // The same, ", " between them.
   std::string Names() const;
   // Turns on the correction of that name, or all of them for "all"; false,
   // and nothing changed, for an unknown name.

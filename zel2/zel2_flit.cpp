@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "zel2/zel2_flit.h"
 
+#include <cstddef>
 #include <cstdio>
+#include <new>
 
 namespace Sornak {
 namespace Internal {
@@ -12,7 +14,63 @@ int64_t Flit::liveRequestsAndResponses = 0;
 
 namespace {
 bool CountsAsLive(ZELCommand command) { return command != NULL_COMMAND && command != TOKEN_RETURN; }
+
+// Under AddressSanitizer every flit keeps its own allocation, so that a use
+// after delete is still caught.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kPooled = false;
+#else
+constexpr bool kPooled = true;
+#endif
+
+// The freed records of one thread, each holding the next in its first bytes.
+// Every record is an allocation of its own from the general allocator, so
+// that a record may still go back to it by a plain ::operator delete, as
+// after an explicit destructor call; the pool only keeps freed records for
+// reuse. A record freed on another thread than the one that made it joins
+// that thread's pool.
+struct FlitPool {
+  struct FreeRecord {
+    FreeRecord* next;
+  };
+  FreeRecord* free = nullptr;
+
+  void* Take() {
+    if (free == nullptr) return ::operator new(sizeof(Flit));
+    FreeRecord* record = free;
+    free = record->next;
+    return record;
+  }
+  void Give(void* record) {
+    FreeRecord* freed = static_cast<FreeRecord*>(record);
+    freed->next = free;
+    free = freed;
+  }
+};
+static_assert(sizeof(Flit) >= sizeof(FlitPool::FreeRecord) && alignof(Flit) <= alignof(std::max_align_t),
+              "a flit record must hold a free-list link");
+
+FlitPool& Pool() {
+  // Never destroyed: a flit may be deleted after its thread's end, at the
+  // program's exit.
+  thread_local FlitPool* pool = new FlitPool;
+  return *pool;
+}
 }  // namespace
+
+void* Flit::operator new(std::size_t size) {
+  if (!kPooled || size != sizeof(Flit)) return ::operator new(size);
+  return Pool().Take();
+}
+
+void Flit::operator delete(void* record, std::size_t size) noexcept {
+  if (record == nullptr) return;
+  if (!kPooled || size != sizeof(Flit)) {
+    ::operator delete(record);
+    return;
+  }
+  Pool().Give(record);
+}
 
 Flit::Flit()
     : tag(0xffffffffu),

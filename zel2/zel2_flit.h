@@ -65,6 +65,14 @@ struct Flit {
   // by design.
   static int64_t liveRequestsAndResponses;
 
+  // A flit is made and deleted for nearly every flit time of a link, so the
+  // records come from a pool of their own: a freed record is kept for the
+  // next `new Flit` of the same thread instead of going back to the general
+  // allocator. `new Flit` and `delete flit` keep their meaning for hosts; a
+  // class derived from Flit, of another size, takes the general allocator.
+  static void* operator new(std::size_t size);
+  static void operator delete(void* record, std::size_t size) noexcept;
+
   // A blank NULL_COMMAND flit; hostTag, consumed, lane and validMark are left
   // as the memory held them. Offered to hosts; the model never uses it.
   Flit();

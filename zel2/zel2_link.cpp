@@ -42,7 +42,7 @@ zel2_link::zel2_link(sc_core::sc_module_name name, const Config& cfg, StatsKeepe
       cfg(cfg),
       stats(stats),
       linkNumber(linkNumber),
-      delayedBlocks("inputDelayQueue"),
+      delayedBlocks("inputDelayQueue", DelayQueue::kMethodConsumer),
       inputBufferEvent("inputBufferEvent"),
       moveToLSWEvent("moveToLSWEvent"),
       flitsPerClock(0),
@@ -61,9 +61,9 @@ zel2_link::zel2_link(sc_core::sc_module_name name, const Config& cfg, StatsKeepe
       expectedFlitNumber(1),
       completePackets(0),
       responseTag(kNone),
-      responseLinkFlits("outputDelayQueue"),
+      responseLinkFlits("outputDelayQueue", DelayQueue::kMethodConsumer),
       returnCredits("creditEventQueue"),
-      tokenDelayQueue("tokenEventQueue"),
+      tokenDelayQueue("tokenEventQueue", DelayQueue::kMethodConsumer),
       tokenReturnTag(0),
       lastOutgoingHeadFlit(nullptr),
       lastOutgoingHeadTag(0) {
@@ -194,6 +194,7 @@ void zel2_link::TakeHostTokens(unsigned tokens, const char* source) {
 }
 
 void zel2_link::ReceiveRequestFlitsAtLS() {
+  FiringScope firing(delayedBlocks.queue);
   for (Flit_P flit : delayedBlocks.front()) {
     if (flit->command == TOKEN_RETURN) {
       TakeHostTokens(flit->returnTokens, " from token return packet : ");
@@ -393,7 +394,10 @@ void zel2_link::SendTokenReturnFlit() {
   responseLinkFlits.Push(handle, CycleDelay(cfg, cfg.LINK_OUTPUT_DELAY));
 }
 
-void zel2_link::WriteToResponseLink() { responseOut.write(responseLinkFlits.Pop()); }
+void zel2_link::WriteToResponseLink() {
+  FiringScope firing(responseLinkFlits.queue);
+  responseOut.write(responseLinkFlits.Pop());
+}
 
 void zel2_link::CreditReturn() {
   for (;;) {
@@ -421,6 +425,7 @@ void zel2_link::ReceiveReturnTokensFromLSW() {
 }
 
 void zel2_link::IncrementReturnTokens() {
+  FiringScope firing(tokenDelayQueue.queue);
   // The condition is also the assertion's text, spelt as it is.
   // clang-format off
   ZEL_ASSERT(tokenDelayQueue.size()>0);

@@ -36,9 +36,9 @@ zel2_link_switch::zel2_link_switch(sc_core::sc_module_name name, const Config& c
       stats(statsKeeper),
       id(quadNumber),
       sourcePointer(quadNumber),
-      tailIncreaseQueue("tailEventQueue"),
-      busyQueue("busyEventQueue"),
-      creditIncreaseQueue("creditEventQueue"),
+      tailIncreaseQueue("tailEventQueue", DelayQueue::kMethodConsumer),
+      busyQueue("busyEventQueue", DelayQueue::kMethodConsumer),
+      creditIncreaseQueue("creditEventQueue", DelayQueue::kMethodConsumer),
       earlyCreditQueue("earlyCreditEventQueue"),
       linkPacketTag(NO_PACKET),
       lastLinkReceive(sc_core::SC_ZERO_TIME) {
@@ -317,11 +317,15 @@ void zel2_link_switch::ReceiveFromInterQuad() {
 }
 
 void zel2_link_switch::TailIncrease() {
+  FiringScope firing(tailIncreaseQueue.queue);
   ZEL_ASSERT(tailIncreaseQueue.size());
   ++completePackets[tailIncreaseQueue.Pop()];
 }
 
-void zel2_link_switch::ToggleBusy() { busyOut.write(busyQueue.Pop()); }
+void zel2_link_switch::ToggleBusy() {
+  FiringScope firing(busyQueue.queue);
+  busyOut.write(busyQueue.Pop());
+}
 
 // ---- Arbitration
 
@@ -599,6 +603,7 @@ void zel2_link_switch::ReceiveInterQuadCredits() {
 }
 
 void zel2_link_switch::IncrementCredits() {
+  FiringScope firing(creditIncreaseQueue.queue);
   const std::vector<int> credits = creditIncreaseQueue.Pop();
   // q is a peer index here.
   for (unsigned q = 0; q < credits.size(); ++q) {

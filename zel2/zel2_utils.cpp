@@ -97,6 +97,26 @@ void SpawnMethod(std::function<void()> action, sc_core::sc_event& trigger, const
   sc_core::sc_spawn(std::move(action), sc_core::sc_gen_unique_name(name), &options);
 }
 
+DelayQueue::DelayQueue(const char* name, Consumer consumer) : event_(name) {
+  if (consumer == kOwnProcess) SpawnMethod([this]() { Fired(); }, event_, "delayQueue");
+}
+
+void DelayQueue::Fired() {
+  if (head_ == times_.size()) return;
+  ++head_;
+  if (head_ == times_.size()) {
+    times_.clear();
+    head_ = 0;
+    return;
+  }
+  // The fired times are dropped in batches, not one by one.
+  if (head_ >= 64 && head_ * 2 >= times_.size()) {
+    times_.erase(times_.begin(), times_.begin() + static_cast<std::ptrdiff_t>(head_));
+    head_ = 0;
+  }
+  event_.notify(sc_core::sc_time::from_value(times_[head_] - sc_core::sc_time_stamp().value()));
+}
+
 std::ostream& TimedError() { return std::cout << "=[" << sc_core::sc_time_stamp() << "]= ERROR - "; }
 
 std::ostream& PlainError() { return std::cout << "== ERROR - "; }

@@ -95,6 +95,72 @@ std::ostream& PlainError();
 // model ends on most protocol errors.
 [[noreturn]] void FatalExit0();
 
+// ---- Delay queue --------------------------------------------------------
+
+// Timed wakes of one consumer: every notify(delay) wakes it once, `delay`
+// from now; notifications for the same time wake it in successive delta
+// cycles, the earliest pending one first. The queue arms a single event for
+// its earliest pending time and, after each wake, for the next one, with the
+// very event notifications, in the very order, that the kernel's own event
+// queue makes, so the kernel schedules the same as with that queue. It
+// keeps its pending times in a sorted vector rather than a heap of allocated
+// times.
+//
+// After each wake the next time must be armed. A queue made for a method
+// consumer leaves that to the consumer, which puts a FiringScope at the top
+// of its function: the re-arming then happens at the end of the method's
+// run, which is just where the kernel queue's own process would have run it
+// (the kernel wakes the processes of an event in the reverse order of their
+// registration, so the consumer ran first and the queue's process right
+// after it), and the kernel runs one process fewer. A queue for a thread
+// consumer, or for any other use, re-arms in a method process of its own,
+// registered before the consumer as the kernel queue's was.
+class DelayQueue {
+ public:
+  enum Consumer { kOwnProcess, kMethodConsumer };
+
+  explicit DelayQueue(const char* name, Consumer consumer = kOwnProcess);
+  DelayQueue(const DelayQueue&) = delete;
+  DelayQueue& operator=(const DelayQueue&) = delete;
+
+  // One more wake, `delay` from now.
+  void notify(const sc_core::sc_time& delay) {
+    const sc_core::sc_time::value_type when = sc_core::sc_time_stamp().value() + delay.value();
+    if (head_ == times_.size() || when < times_[head_]) event_.notify(delay);
+    // Usually the latest time yet: scan from the back.
+    std::size_t at = times_.size();
+    while (at > head_ && times_[at - 1] > when) --at;
+    times_.insert(times_.begin() + static_cast<std::ptrdiff_t>(at), when);
+  }
+  // Drops the time that has just woken the consumer and arms the event for
+  // the next pending one.
+  void Fired();
+  // Notifications not yet fired.
+  std::size_t pending() const { return times_.size() - head_; }
+
+  // The event a consumer is sensitive to, for `sensitive <<` and wait().
+  const sc_core::sc_event& default_event() const { return event_; }
+  operator const sc_core::sc_event&() const { return event_; }  // NOLINT(google-explicit-constructor)
+
+ private:
+  sc_core::sc_event event_;
+  std::vector<sc_core::sc_time::value_type> times_;  // pending times in ticks, ascending from head_
+  std::size_t head_ = 0;
+};
+
+// Re-arms a method consumer's delay queue when the method's run ends,
+// whichever way it returns.
+class FiringScope {
+ public:
+  explicit FiringScope(DelayQueue& queue) : queue_(queue) {}
+  ~FiringScope() { queue_.Fired(); }
+  FiringScope(const FiringScope&) = delete;
+  FiringScope& operator=(const FiringScope&) = delete;
+
+ private:
+  DelayQueue& queue_;
+};
+
 // ---- Delay FIFO ----------------------------------------------------------
 
 // A value that travels with a delay: the values wait in a plain vector used
@@ -103,10 +169,11 @@ std::ostream& PlainError();
 template <class T>
 struct DelayFifo {
   std::vector<T> items;
-  sc_core::sc_event_queue queue;
+  DelayQueue queue;
 
   DelayFifo() : queue(sc_core::sc_gen_unique_name("delayFifo")) {}
-  explicit DelayFifo(const char* name) : queue(name) {}
+  explicit DelayFifo(const char* name, DelayQueue::Consumer consumer = DelayQueue::kOwnProcess)
+      : queue(name, consumer) {}
 
   void Push(const T& value, const sc_core::sc_time& delay) {
     items.push_back(value);

@@ -18,7 +18,7 @@ zel2_vault::zel2_vault(sc_core::sc_module_name name, const Config& cfg, StatsKee
       cfg(cfg),
       stats(stats),
       id(id),
-      readDataQueue("readDataQueue") {
+      readDataQueue("readDataQueue", DelayQueue::kMethodConsumer) {
   // Every partition the device can have gets its banks now; setNumPartitions
   // only moves them between the two lists.
   for (unsigned p = 0; p < maxPartitions; p++) {
@@ -238,6 +238,7 @@ void zel2_vault::ReceiveData() {
 }
 
 void zel2_vault::ResponseDataThread() {
+  FiringScope firing(readDataQueue.queue);
   stats.vaultDataTime[id] += cfg.CORE_CLK;
   dramDataOut.write(readDataQueue.Pop());
 }

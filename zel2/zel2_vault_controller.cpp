@@ -54,9 +54,9 @@ zel2_vault_controller::zel2_vault_controller(sc_core::sc_module_name name, const
       writeResponseHold(false),
       commandCreditQueue("commandCreditQueue"),
       sendResponseQueue("sendResponseQueue"),
-      writeDataQueue("writeDataQueue"),
+      writeDataQueue("writeDataQueue", DelayQueue::kMethodConsumer),
       writeCreditQueue("writeCreditQueue"),
-      responseCreditQueue("responseCreditQueue") {
+      responseCreditQueue("responseCreditQueue", DelayQueue::kMethodConsumer) {
   flitsOut.init(cfg.FLITS_OUT_PER_CYCLE_VC);
   flitsIn.init(cfg.FLITS_IN_PER_CYCLE_VC);
 
@@ -753,6 +753,7 @@ void zel2_vault_controller::resizeBankStateVector(unsigned int numPartitions) {
 // ---------------------------------------------------------------------------
 
 void zel2_vault_controller::IssueWriteDataThread() {
+  FiringScope firing(writeDataQueue);
   stats.vaultDataTime[id] += cfg.BL;
   dramDataOut.write(writeBuffer.front());
   writeBuffer.erase(writeBuffer.begin());
@@ -879,6 +880,7 @@ void zel2_vault_controller::ReceiveResponseCredit() {
 }
 
 void zel2_vault_controller::IncrementResponseCredit() {
+  FiringScope firing(responseCreditQueue);
   ZEL_ASSERT(!creditDelayQueue.empty());
   RaiseTimeIntegral(stats.vaultCreditTime[id], responseCreditChangeTime, responseCredits);
   responseCredits += creditDelayQueue.front();

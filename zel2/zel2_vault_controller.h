@@ -89,11 +89,11 @@ class zel2_vault_controller : public sc_core::sc_module {
   sc_core::sc_event moveEvent;     // wakes MoveToRequestQueue
   sc_core::sc_event issueEvent;    // wakes IssuingThread
   sc_core::sc_event refreshEvent;  // refresh tick; the cube may cancel it
-  sc_core::sc_event_queue commandCreditQueue;   // one command credit pulse per firing
-  sc_core::sc_event_queue sendResponseQueue;    // a read beat or write response may be due
-  sc_core::sc_event_queue writeDataQueue;       // a WRITE's data beat is due at the vault
-  sc_core::sc_event_queue writeCreditQueue;     // a write credit amount may be due
-  sc_core::sc_event_queue responseCreditQueue;  // a received response credit takes effect
+  DelayQueue commandCreditQueue;   // one command credit pulse per firing
+  DelayQueue sendResponseQueue;    // a read beat or write response may be due
+  DelayQueue writeDataQueue;       // a WRITE's data beat is due at the vault
+  DelayQueue writeCreditQueue;     // a write credit amount may be due
+  DelayQueue responseCreditQueue;  // a received response credit takes effect
 
   SC_HAS_PROCESS(zel2_vault_controller);
   zel2_vault_controller(sc_core::sc_module_name name, const Config& cfg, StatsKeeper& stats, unsigned id);

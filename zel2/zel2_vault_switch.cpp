@@ -57,8 +57,8 @@ zel2_vault_switch::zel2_vault_switch(sc_module_name name, const Config& cfg, Sta
       priorityOn(false),
       priorityLock(false),
       lastReceiveFromSlice(0),
-      creditDelayQueue("creditEventQueue"),
-      zcreditDelayQueue("zcreditEventQueue"),
+      creditDelayQueue("creditEventQueue", DelayQueue::kMethodConsumer),
+      zcreditDelayQueue("zcreditEventQueue", DelayQueue::kMethodConsumer),
       responseEventQueue("responseEventQueue"),
       sourceEventQueue("sourceEventQueue"),
       moveToSmoothingEvent("moveToSmoothingEvent"),
@@ -666,6 +666,7 @@ void zel2_vault_switch::ReceiveInterQuadCredits() {
 }
 
 void zel2_vault_switch::IncrementCreditCount() {
+  FiringScope firing(creditDelayQueue.queue);
   ZEL_ASSERT(!creditDelayQueue.empty());
   const std::vector<int>& counts = creditDelayQueue.front();
   for (unsigned quad = 0; quad < counts.size(); ++quad) {
@@ -681,6 +682,7 @@ void zel2_vault_switch::IncrementCreditCount() {
 }
 
 void zel2_vault_switch::IncrementZCreditCount() {
+  FiringScope firing(zcreditDelayQueue.queue);
   // clang-format off
   ZEL_ASSERT(!zcreditDelayQueue.empty() && zcreditDelayQueue.front()>0);
   // clang-format on

@@ -140,8 +140,8 @@ class zel2_vault_switch : public sc_core::sc_module {
   DelayFifo<int> zcreditDelayQueue;
 
   // ---- Events
-  sc_core::sc_event_queue responseEventQueue;  // a response latch may have a flit due
-  sc_core::sc_event_queue sourceEventQueue;    // an inter-quad latch may have a flit due
+  DelayQueue responseEventQueue;  // a response latch may have a flit due
+  DelayQueue sourceEventQueue;    // an inter-quad latch may have a flit due
   sc_core::sc_event moveToSmoothingEvent;
   sc_core::sc_event handleQueuesEvent;
   sc_core::sc_event returnCreditsEvent;

@@ -345,6 +345,9 @@ Outcome JudgeOutput(const ChildResult& run) {
     fail(Failure::ModelError, "status 0 without zelsim's summary");
   }
 
+  // A deadlocked run's JSON holds its figures at the stop; the deadlock is
+  // its verdict.
+  if (o.failures.count(Failure::Deadlock) != 0) return o;
   JsonValue json;
   std::string error;
   if (run.json.empty() || !ParseJson(run.json, json, error)) {
@@ -367,7 +370,8 @@ Outcome JudgeOutput(const ChildResult& run) {
     f.requestFlits = Count(*total, "request_flits");
     f.responseFlits = Count(*total, "response_flits");
     f.mismatches = Count(*total, "mismatches");
-    const JsonValue* end = json.Find("end_time_ns");
+    const JsonValue* runObject = json.Find("run");
+    const JsonValue* end = runObject != nullptr ? runObject->Find("end_time_ns") : nullptr;
     if (end != nullptr) f.endTimeNs = end->number;
     o.haveFigures = true;
     if (f.mismatches != 0) {

@@ -103,7 +103,7 @@ TEST(SoakRunner, ShellLineQuotesWhatNeedsIt) {
 // ---- Verdicts --------------------------------------------------------------------
 
 const char kCleanJson[] =
-    "{\n  \"seed\": 1,\n  \"end_time_ns\": 3500.5,\n  \"drained\": false,\n"
+    "{\n  \"seed\": 1,\n  \"run\": {\"end_time_ns\": 3500.5, \"drained\": false},\n"
     "  \"total\": {\"issued\": 10, \"reads\": 4, \"writes\": 5, \"atomics\": 1, \"posted\": 3, "
     "\"completed\": 7,"
     " \"outstanding\": 0, \"request_flits\": 40, \"response_flits\": 20, \"mismatches\": 0,"

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/zelsim/bench.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
@@ -14,6 +17,9 @@
 #include <utility>
 #include <vector>
 
+#include "apps/zelsim/link_trace.h"
+#include "apps/zelsim/progress.h"
+#include "apps/zelsim/timeline.h"
 #include "zel2/2in1Wrapper.h"
 #include "zel2/zel2_cube.h"
 #include "zel2/zel2_utils.h"
@@ -112,6 +118,46 @@ class ConfigFileForLibrary {
   std::string old_;
 };
 
+// --report: sends the process's standard output, where the model writes, to
+// a file from Begin to End, at the level of the file descriptor, so that
+// whatever the model prints, and however, lands there in its order.
+class ModelOutput {
+ public:
+  ModelOutput() = default;
+  ModelOutput(const ModelOutput&) = delete;
+  ModelOutput& operator=(const ModelOutput&) = delete;
+  ~ModelOutput() {
+    End();
+    if (file_ >= 0) close(file_);
+  }
+  bool Open(const std::string& path, std::string& error) {
+    file_ = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (file_ < 0) error = "can't write report file '" + path + "'";
+    return file_ >= 0;
+  }
+  void Begin() {
+    if (file_ < 0 || saved_ >= 0) return;
+    Flush();
+    saved_ = dup(STDOUT_FILENO);
+    dup2(file_, STDOUT_FILENO);
+  }
+  void End() {
+    if (saved_ < 0) return;
+    Flush();
+    dup2(saved_, STDOUT_FILENO);
+    close(saved_);
+    saved_ = -1;
+  }
+
+ private:
+  static void Flush() {
+    std::cout.flush();
+    std::fflush(stdout);
+  }
+  int file_ = -1;
+  int saved_ = -1;  // the standard output of before, while the file stands in
+};
+
 // --check-rest: how long the cube may take to drain after the traffic or
 // the flush, and how long it then settles before the check, so that the last
 // credit and token pulses have arrived.
@@ -169,6 +215,16 @@ int ReportDeadlock(Cube2in1Wrapper& wrapper, const LegalHost& host) {
   return kExitDeadlock;
 }
 
+// What the host, the generators and the timeline found up to now, the end
+// of the run as the summary counts it.
+void CollectRun(const LegalHost& host, const GeneratorSource& source, Timeline* timeline,
+                RunResults& results) {
+  results.endTimeNs = static_cast<double>(sc_core::sc_time_stamp().value()) / 1000;
+  host.CollectResults(results);
+  source.FillResults(results);
+  if (timeline != nullptr) timeline->Finish(sc_core::sc_time_stamp().value());
+}
+
 std::string LimitText(const sc_core::sc_time& limit) {
   return std::to_string(static_cast<uint64_t>(limit.to_seconds() * 1e9 + 0.5)) + " ns";
 }
@@ -177,7 +233,7 @@ std::string LimitText(const sc_core::sc_time& limit) {
 // up: the model's report for the traffic, the drain of what is still under
 // way, the results, the credit flush, a pause to settle, and the check.
 std::vector<std::string> DrainAndCheck(Cube2in1Wrapper& wrapper, LegalHost& host, GeneratorSource& source,
-                                       RestPhaseSource& phases, int64_t liveFlitsAtStart,
+                                       RestPhaseSource& phases, int64_t liveFlitsAtStart, Timeline* timeline,
                                        RunResults& results) {
   const Config& cfg = wrapper.cube->cfg;
   std::vector<std::string> problems;
@@ -195,9 +251,7 @@ std::vector<std::string> DrainAndCheck(Cube2in1Wrapper& wrapper, LegalHost& host
     if (!drained)
       problems.push_back("host: traffic still under way " + LimitText(kDrainLimit) + " after SIM_TIME");
   }
-  results.endTimeNs = sc_core::sc_time_stamp().to_seconds() * 1e9;
-  host.CollectResults(results);
-  source.FillResults(results);
+  CollectRun(host, source, timeline, results);
   results.drained = drainedBySelf;
 
   // The flush's writes are checked like any other request.
@@ -508,22 +562,6 @@ void ApplyHostSetup(const HostSetup& setup, Config& cfg) {
   }
 }
 
-std::string JsonWithRestState(const std::string& json, const std::vector<std::string>& violations) {
-  std::string field = "  \"rest_state\": ";
-  if (violations.empty()) {
-    field += "\"ok\"";
-  } else {
-    field += "[";
-    for (std::size_t i = 0; i < violations.size(); ++i)
-      field += (i == 0 ? "\n    " : ",\n    ") + JsonString(violations[i]);
-    field += "\n  ]";
-  }
-  const std::size_t close = json.rfind('}');
-  if (close == std::string::npos || close == 0) return json;
-  const std::size_t last = json.find_last_not_of(" \n", close - 1);
-  return json.substr(0, last + 1) + ",\n" + field + "\n}\n";
-}
-
 // ---- Generators as a request source --------------------------------------------
 
 GeneratorSource::GeneratorSource(const Config& cfg, uint64_t seed,
@@ -712,16 +750,49 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   const bool wantsStateDump =
       options.dumpState || (dumpState != overlay.end() && dumpState->second.value == "true");
 
+  // Every output file is opened before the cube is built, so that a name
+  // that can't be written stops zelsim with nothing simulated.
   std::ofstream json;
-  if (!options.jsonFile.empty()) {
-    json.open(options.jsonFile, std::ios::out | std::ios::trunc);
-    if (!json.is_open()) return Refuse("can't write JSON file '" + options.jsonFile + "'");
+  std::ofstream timelineFile;
+  std::ofstream responsesFile;
+  std::ofstream vcdProbe;
+  const struct {
+    std::ofstream& file;
+    const std::string& name;
+    const char* what;
+  } outputs[] = {{json, options.jsonFile, "JSON"},
+                 {timelineFile, options.timelineFile, "timeline"},
+                 {responsesFile, options.responsesFile, "responses"},
+                 {vcdProbe, options.vcdFile, "VCD"}};
+  for (const auto& output : outputs) {
+    if (output.name.empty()) continue;
+    output.file.open(output.name, std::ios::out | std::ios::trunc);
+    if (!output.file.is_open())
+      return Refuse(std::string("can't write ") + output.what + " file '" + output.name + "'");
+  }
+  vcdProbe.close();
+  ModelOutput modelOutput;
+  if (!options.reportFile.empty() && !modelOutput.Open(options.reportFile, error)) return Refuse(error);
+  uint64_t plannedRequests = 0;
+  if (planned.USE_TRACE) {
+    for (const std::vector<TraceEntry>& trace : traces)
+      plannedRequests += std::min<uint64_t>(trace.size(), planned.NUM_REQUESTS);
+  } else {
+    plannedRequests = uint64_t{planned.NUM_GENERATORS} * planned.NUM_REQUESTS;
   }
 
-  std::cout << "zelsim: seed " << options.seed << "; " << planned.NUM_GENERATORS << " generators of "
-            << planned.NUM_REQUESTS << (planned.USE_TRACE ? " trace requests at most" : " requests")
-            << "; SIM_TIME " << planned.SIM_TIME << std::endl;
+  RunResults results;
+  results.version = VersionText();
+  results.version.pop_back();
+  results.seed = options.seed;
+  results.corrections = options.corrections;
+  results.numGenerators = planned.NUM_GENERATORS;
+  results.numRequests = planned.NUM_REQUESTS;
+  results.traces = planned.USE_TRACE;
 
+  // From here on the model writes: its start-up lines come as the cube is
+  // built and its links are turned on.
+  modelOutput.Begin();
   // The library reads its configuration from the environment, so the keys
   // resolved here reach it as a file of their own.
   Cube2in1Wrapper* wrapper = nullptr;
@@ -733,7 +804,13 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
     // Modules live as long as the process, as the model's own do.
     wrapper = new Cube2in1Wrapper("wrapper");
   }
+  // --correct adds to what LIBZEL_CORRECTIONS chose; the JSON names all that are on.
+  Corrections corrections = wrapper->cube->cfg.corrections;
+  for (const std::string& name : options.corrections) corrections.Enable(name);
+  wrapper->setCorrections(corrections);
+  results.corrections = corrections.List();
   const Config& cfg = wrapper->cube->cfg;
+  const unsigned links = static_cast<unsigned>(wrapper->drivers.size());
 
   // A host that drains its traffic stops the kernel; that is no news.
   sc_core::sc_report_handler::set_actions("/OSCI/SystemC", sc_core::SC_INFO, sc_core::SC_DO_NOTHING);
@@ -748,53 +825,88 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
     hostSource = phases;
   }
   auto* host = new LegalHost("host", *wrapper, *hostSource, setup);
+  Timeline* timeline = nullptr;
+  if (timelineFile.is_open()) {
+    timeline = new Timeline(timelineFile, options.intervalNs * 1000, links);
+    host->observers.push_back(timeline);
+  }
+  LinkVcd* vcd = nullptr;
+  if (!options.vcdFile.empty()) {
+    vcd = new LinkVcd(options.vcdFile, links);
+    host->observers.push_back(vcd);
+  }
+  if (responsesFile.is_open()) host->observers.push_back(new ResponseLog(responsesFile));
+  ProgressDisplay* progress = nullptr;
+  if (options.progress == ProgressMode::On ||
+      (options.progress == ProgressMode::Auto && isatty(STDERR_FILENO) != 0)) {
+    progress = new ProgressDisplay(*host, std::cerr, cfg.SIM_TIME, plannedRequests);
+    host->observers.push_back(progress);
+  }
 
+  const auto wallStart = std::chrono::steady_clock::now();
   if (cfg.SIM_TIME == sc_core::SC_ZERO_TIME) {
     sc_core::sc_start();
   } else {
     sc_core::sc_start(cfg.SIM_TIME);
   }
-  if (host->deadlocked) return ReportDeadlock(*wrapper, *host);
+  if (progress != nullptr) progress->Finish();
 
-  RunResults results;
-  results.version = VersionText();
-  results.version.pop_back();
-  results.seed = options.seed;
-  results.simTimeNs = cfg.SIM_TIME.to_seconds() * 1e9;
+  results.simTimeNs = static_cast<double>(cfg.SIM_TIME.value()) / 1000;
   std::vector<std::string> violations;
-  if (options.checkRest) {
-    violations = DrainAndCheck(*wrapper, *host, *source, *phases, liveFlitsAtStart, results);
-    if (host->deadlocked) return ReportDeadlock(*wrapper, *host);
-  } else {
-    results.endTimeNs = sc_core::sc_time_stamp().to_seconds() * 1e9;
-    host->CollectResults(results);
-    source->FillResults(results);
-    wrapper->DumpStats();
-  }
-
-  if (wantsStateDump) wrapper->cube->DumpState();
-  PrintSummary(std::cout, results);
-  if (options.checkRest) {
-    for (const std::string& line : violations) std::cout << "zelsim: rest-state violation: " << line << '\n';
-    if (violations.empty()) std::cout << "zelsim: rest state OK\n";
-  }
-  std::cout.flush();
-
-  int status = results.Mismatches() == 0 && violations.empty() ? kExitClean : kExitMismatch;
-  if (json.is_open()) {
+  if (!host->deadlocked) {
     if (options.checkRest) {
-      std::ostringstream text;
-      WriteJson(text, results);
-      json << JsonWithRestState(text.str(), violations);
+      violations = DrainAndCheck(*wrapper, *host, *source, *phases, liveFlitsAtStart, timeline, results);
     } else {
-      WriteJson(json, results);
-    }
-    json.close();
-    if (json.fail()) {
-      std::cerr << "zelsim: can't write JSON file '" << options.jsonFile << "'" << std::endl;
-      status = kExitMismatch;
+      CollectRun(*host, *source, timeline, results);
+      wrapper->DumpStats();
     }
   }
+  const bool deadlocked = host->deadlocked;
+  int status = kExitClean;
+  if (deadlocked) {
+    // The figures as the watchdog found them; no summary.
+    CollectRun(*host, *source, timeline, results);
+    status = ReportDeadlock(*wrapper, *host);
+  } else if (wantsStateDump) {
+    wrapper->cube->DumpState();
+  }
+  results.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
+  results.restViolations = violations;
+  // A deadlock cut the check short: there is no rest state to tell of.
+  results.restChecked = options.checkRest && !deadlocked;
+  modelOutput.End();
+
+  if (!deadlocked) {
+    PrintSummary(std::cout, results);
+    if (options.checkRest) {
+      for (const std::string& line : violations)
+        std::cout << "zelsim: rest-state violation: " << line << '\n';
+      if (violations.empty()) std::cout << "zelsim: rest state OK\n";
+    }
+    std::cout.flush();
+    status = results.Mismatches() == 0 && violations.empty() ? kExitClean : kExitMismatch;
+  }
+  if (!options.reportFile.empty()) {
+    std::cerr << "zelsim: the model's report is in '"
+              << std::filesystem::absolute(options.reportFile).string() << "'" << std::endl;
+  }
+
+  // Files that fail at the end turn a clean run into status 1.
+  auto failed = [&](const std::string& what, const std::string& name) {
+    std::cerr << "zelsim: can't write " << what << " file '" << name << "'" << std::endl;
+    if (status == kExitClean) status = kExitMismatch;
+  };
+  if (json.is_open()) {
+    WriteJson(json, results, cfg);
+    json.close();
+    if (json.fail()) failed("JSON", options.jsonFile);
+  }
+  for (const auto& output : outputs) {
+    if (&output.file == &json || !output.file.is_open()) continue;
+    output.file.close();
+    if (output.file.fail()) failed(output.what, output.name);
+  }
+  if (vcd != nullptr && !vcd->Close()) failed("VCD", options.vcdFile);
   if (resultsOut != nullptr) *resultsOut = results;
   if (restOut != nullptr) {
     restOut->checked = options.checkRest;

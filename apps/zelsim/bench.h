@@ -82,17 +82,14 @@ unsigned LinkRateOfSpeed(float gigabitsPerLane);
 // responses didn't match their requests (or --check-rest found the cube not
 // at rest), 2 for a bad command line or configuration (with a one-line
 // message on standard error, before any simulation), 4 when the deadlock
-// watchdog stopped the run (with the cube's state dump). Once the
+// watchdog stopped the run (with the cube's state dump, and the JSON when
+// asked for, but no summary). Once the
 // simulation has started, a process that ends before RunZelsim returns (the
 // model's own exit(0) on a broken rule) ends instead with status 3 and the
 // line "zelsim: the model stopped the run" on standard error. `results`,
 // when given, receives what the run found, and `rest` what --check-rest
 // found.
 int RunZelsim(int argc, const char* const* argv, RunResults* results = nullptr, RestReport* rest = nullptr);
-
-// The JSON text of WriteJson with the field "rest_state" added at its end:
-// "ok", or the list of violations.
-std::string JsonWithRestState(const std::string& json, const std::vector<std::string>& violations);
 
 }  // namespace Bench
 }  // namespace ZEL2

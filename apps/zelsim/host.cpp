@@ -19,7 +19,8 @@ using sc_core::sc_time_stamp;
 
 namespace {
 
-double Nanoseconds(const sc_time& time) { return time.to_seconds() * 1e9; }
+// Whole picoseconds: the kernel's resolution, which the model requires.
+uint64_t Picoseconds(const sc_time& time) { return time.value(); }
 
 }  // namespace
 
@@ -76,6 +77,11 @@ bool LegalHost::Enqueue(unsigned queue, const Request& request) {
   if (QueueSpace(queue) == 0) return false;
   queues[queue].requests.push_back(request);
   ++queues[queue].stats.generated;
+  if (request.link < links.size()) {
+    LinkResults& stats = links[request.link].stats;
+    if (request.command == RD) stats.offeredBytesRead += request.length;
+    if (request.command == WR || request.command == P_WR) stats.offeredBytesWritten += request.length;
+  }
   return true;
 }
 
@@ -115,6 +121,17 @@ void LegalHost::CollectResults(RunResults& results) const {
   for (const RequestQueue& queue : queues) results.generators.push_back(queue.stats);
   results.mismatchMessages = mismatchMessages;
   results.drained = drained;
+  results.deadlock = deadlocked;
+  results.sentAny = sentAny;
+  results.tookAny = tookAny;
+  results.firstRequestPs = Picoseconds(firstRequestSent);
+  results.lastResponsePs = Picoseconds(lastResponseTaken);
+}
+
+uint64_t LegalHost::Completed() const {
+  uint64_t completed = 0;
+  for (const HostLink& link : links) completed += link.stats.completed;
+  return completed;
 }
 
 // ---- Sending -------------------------------------------------------------------
@@ -127,8 +144,9 @@ void LegalHost::Configure() {
 
   openLoop = cfg.RESPONSE_OPEN_LOOP;
   for (HostLink& link : links) {
-    link.flitsPerCycle =
-        FlitsPerCoreCycle(cfg.CORE_CLK, cube.cube->GetLinkRate(link.number), cfg.FLITS_PER_CYCLE_LINK);
+    const sc_time flitTime = cube.cube->GetLinkRate(link.number);
+    link.flitsPerCycle = FlitsPerCoreCycle(cfg.CORE_CLK, flitTime, cfg.FLITS_PER_CYCLE_LINK);
+    link.stats.flitTimePs = Picoseconds(flitTime);
     // All of the host's response space is free at the start; the cube hears
     // of it with the first flits.
     link.responseTokensOwed = openLoop ? 0 : cfg.BFM_TOKENS_PER_LINK;
@@ -178,6 +196,7 @@ void LegalHost::HostThread() {
       return;
     }
     if (setup.pauseWhenDrained) PauseAtDrain();
+    for (HostObserver* observer : observers) observer->CycleDone(cycle);
     ++cycle;
     wait(CycleDelay(cfg, 1));
   }
@@ -216,8 +235,9 @@ void LegalHost::PlanCycle(HostLink& link, std::vector<Flit*>& flits) {
   const uint64_t waited = cycle - link.owedSince;
   const uint64_t wait = setup.tokenReturnWait;
   const bool inputPathEmpty = link.requestTokens >= cfg.TOKENS_PER_LINK;
-  const bool tokensWaited = wait == 0 || waited >= 8 * wait ||
-                            (inputPathEmpty && (waited >= wait || link.responseTokensOwed >= cfg.MAX_TOKEN_RETURN));
+  const bool tokensWaited =
+      wait == 0 || waited >= 8 * wait ||
+      (inputPathEmpty && (waited >= wait || link.responseTokensOwed >= cfg.MAX_TOKEN_RETURN));
   if (budget > 0 && link.sending.empty() && link.responseTokensOwed > 0 && tokensWaited) {
     Flit* tokens = MakeTokenReturn(link.responseTokensOwed);
     link.stats.responseTokensReturned += link.responseTokensOwed;
@@ -261,6 +281,8 @@ bool LegalHost::StartPacket(HostLink& link) {
                       ResponseFlitCount(request.command, request.length, cfg.FLIT_SIZE), response};
     }
     link.requestTokens -= flitCount;
+    if (!sentAny) firstRequestSent = sc_time_stamp();
+    sentAny = true;
     for (HostObserver* observer : observers) observer->RequestIssued(link.number, request);
     for (Flit* flit : BuildRequestFlits(request, tag, cfg.FLIT_SIZE, sc_time_stamp()))
       link.sending.push_back(flit);
@@ -297,10 +319,11 @@ void LegalHost::ReceiveResponses() {
 }
 
 void LegalHost::TakeResponse(HostLink& link, Flit* flit) {
-  // Marked first: from now on the link may no longer move a packet's tokens
-  // up to this flit.
-  flit->consumed = true;
+  // Observers see the flit as the cube sent it.
   for (HostObserver* observer : observers) observer->FlitTaken(link.number, *flit);
+  // Marked before anything else: from now on the link may no longer move a
+  // packet's tokens up to this flit.
+  flit->consumed = true;
   // A TOKEN_RETURN without tokens carries nothing: a link that sends only
   // such flits is as stuck as one that sends none.
   if (flit->command != TOKEN_RETURN || flit->returnTokens != 0) lastFlitMove = sc_time_stamp();
@@ -320,6 +343,8 @@ void LegalHost::TakeResponse(HostLink& link, Flit* flit) {
     return;
   }
   ++link.stats.responseFlits;
+  tookAny = true;
+  lastResponseTaken = sc_time_stamp();
   if (!openLoop && link.responseTokensOwed++ == 0) link.owedSince = cycle;
 
   if (!link.arriving.empty() && (flit->header || flit->tag != link.arriving.front()->tag)) {
@@ -351,9 +376,17 @@ void LegalHost::CompletePacket(HostLink& link) {
     const sc_time latency = sc_time_stamp() - expected.sentAt;
     const bool matched = commandOk && lengthOk && addressOk;
     if (matched) {
-      ++link.stats.completed;
-      if (expected.request.command == RD) link.stats.bytesRead += expected.request.length;
-      link.stats.latency.Add(Nanoseconds(latency));
+      LinkResults& stats = link.stats;
+      ++stats.completed;
+      const ZELCommand command = expected.request.command;
+      if (command == RD) {
+        stats.bytesRead += expected.request.length;
+        stats.readLatency.Add(Picoseconds(latency));
+      } else if (command == WR) {
+        stats.writeLatency.Add(Picoseconds(latency));
+      } else {
+        stats.atomicLatency.Add(Picoseconds(latency));
+      }
     } else {
       // The text is built only when Mismatch will print it: on the normal
       // path, and past the message limit, a response costs no formatting.

@@ -60,6 +60,11 @@ class HostObserver {
   // `latency`), false when the host counted a mismatch.
   virtual void RequestAnswered(unsigned /*link*/, const Request& /*request*/, bool /*matched*/,
                                const sc_core::sc_time& /*latency*/) {}
+  // The host has written the flits of core cycle `cycle`. It wakes once per
+  // cycle anyway, so an observer that wants to look at the run now and then
+  // (a progress display) needs no process or event of its own, which would
+  // change the order of the kernel's events at equal times.
+  virtual void CycleDone(uint64_t /*cycle*/) {}
 };
 
 // What the host asks of the wrapper's setters before it turns the links on.
@@ -125,7 +130,7 @@ class LegalHost : public sc_core::sc_module {
     // with the tokens the link holds and the responses under way it makes up
     // BFM_TOKENS_PER_LINK, so the link's count never exceeds that limit.
     unsigned responseTokensOwed = 0;
-    uint64_t owedSince = 0;  // cycle in which responseTokensOwed last rose from zero
+    uint64_t owedSince = 0;                       // cycle in which responseTokensOwed last rose from zero
     std::deque<unsigned> freeTags;                // tags for non-posted requests
     std::map<unsigned, Outstanding> outstanding;  // by tag
     std::deque<Flit*> sending;                    // rest of the packet being sent
@@ -160,6 +165,12 @@ class LegalHost : public sc_core::sc_module {
   sc_core::sc_time lastFlitMove = sc_core::SC_ZERO_TIME;
   // The watchdog stopped the kernel (HostSetup::deadlockTimeout).
   bool deadlocked = false;
+  // The traffic's time: when the first request flit went out and the last
+  // response flit came in.
+  bool sentAny = false;
+  bool tookAny = false;
+  sc_core::sc_time firstRequestSent = sc_core::SC_ZERO_TIME;
+  sc_core::sc_time lastResponseTaken = sc_core::SC_ZERO_TIME;
   // Told of the traffic, in this order; none by default.
   std::vector<HostObserver*> observers;
 
@@ -177,8 +188,10 @@ class LegalHost : public sc_core::sc_module {
   bool Drained() const;
   // Requests queued, being sent or waiting for their response.
   uint64_t RequestsOutstanding() const;
-  // The host's counts, per link and per queue.
+  // The host's counts, per link and per queue, and the traffic's time.
   void CollectResults(RunResults& results) const;
+  // Requests completed on all links so far.
+  uint64_t Completed() const;
 
   // ---- Processes
   // Calls the setters and turns the links on at time 0, then once per core

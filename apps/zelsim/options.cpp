@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/zelsim/options.h"
 
+#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cmath>
@@ -258,112 +260,225 @@ bool CheckTokenVariables(std::string& error) {
 
 // ---- Command line ------------------------------------------------------------
 
-ParseStatus ParseCommandLine(int argc, const char* const* argv, Options& options, std::string& error) {
-  for (int i = 1; i < argc; ++i) {
-    std::string option = argv[i];
-    std::string value;
-    bool hasValue = false;
-    // "--name=value" as well as "--name value".
-    const auto equals = option.find('=');
-    if (option.rfind("--", 0) == 0 && equals != std::string::npos) {
-      value = option.substr(equals + 1);
-      option = option.substr(0, equals);
-      hasValue = true;
-    }
-    auto takeValue = [&]() -> bool {
-      if (hasValue) return true;
-      if (i + 1 >= argc) {
-        error = "option " + option + " needs a value (try --help)";
-        return false;
-      }
-      value = argv[++i];
-      return true;
-    };
-    auto flagOnly = [&]() -> bool {
-      if (!hasValue) return true;
-      error = "option " + option + " takes no value";
-      return false;
-    };
+const std::vector<std::string>& CorrectionNames() {
+  static const std::vector<std::string> names(Corrections::AllNames(),
+                                              Corrections::AllNames() + Corrections::kCount);
+  return names;
+}
 
-    if (option == "--help" || option == "-h") {
-      if (!flagOnly()) return ParseStatus::Error;
-      return ParseStatus::Help;
-    }
-    if (option == "--version") {
-      if (!flagOnly()) return ParseStatus::Error;
-      return ParseStatus::Version;
-    }
-    if (option == "--dump-state") {
-      if (!flagOnly()) return ParseStatus::Error;
-      options.dumpState = true;
-      continue;
-    }
-    if (option == "--check-rest") {
-      if (!flagOnly()) return ParseStatus::Error;
-      options.checkRest = true;
-      continue;
-    }
-    if (option == "--no-config-guards") {
-      if (!flagOnly()) return ParseStatus::Error;
-      options.configGuards = false;
-      continue;
-    }
-    if (option == "--config" || option == "--set") {
-      if (!takeValue()) return ParseStatus::Error;
-      options.sources.push_back(ConfigSource{option == "--config", value});
-      continue;
-    }
-    if (option == "--json") {
-      if (!takeValue()) return ParseStatus::Error;
-      if (value.empty()) {
-        error = "option --json needs a file name";
-        return ParseStatus::Error;
-      }
-      options.jsonFile = value;
-      continue;
-    }
-    // The options that take an unsigned number: the largest value, what a
-    // good value looks like (for the message), any further test, and where
-    // the value goes.
-    struct NumberOption {
-      const char* name;
-      uint64_t max;
-      const char* expected;
-      bool (*valid)(uint64_t);
-      std::function<void(uint64_t)> store;
-    };
-    const auto any = [](uint64_t) { return true; };
-    const NumberOption numberOptions[] = {
-        {"--seed", std::numeric_limits<uint64_t>::max(), "an unsigned decimal number", any,
-         [&](uint64_t n) { options.seed = n; }},
-        // Up to 1000 s, which a time of picoseconds holds with room to spare.
-        {"--deadlock-timeout", 1000000000000ull, "a number of nanoseconds up to 10^12 (0: off)", any,
-         [&](uint64_t n) { options.deadlockTimeoutNs = n; }},
-        {"--token-return-wait", 1000000, "a number of core cycles up to 1000000", any,
-         [&](uint64_t n) { options.tokenReturnWait = static_cast<unsigned>(n); }},
-        {"--cube-size", 2, "0, 1 or 2 (2, 4 or 8 GB)", any,
-         [&](uint64_t n) { options.cubeSize = static_cast<int>(n); }},
-        {"--link-rate", 60, "40, 50 or 60", [](uint64_t n) { return n == 40 || n == 50 || n == 60; },
-         [&](uint64_t n) { options.linkRate = static_cast<unsigned>(n); }},
-        {"--lanes", 128, "a lane count from 1 to 128", [](uint64_t n) { return n != 0; },
-         [&](uint64_t n) { options.lanes = static_cast<unsigned>(n); }},
-    };
-    const NumberOption* numberOption = nullptr;
-    for (const NumberOption& candidate : numberOptions)
-      if (option == candidate.name) numberOption = &candidate;
-    if (numberOption != nullptr) {
-      if (!takeValue()) return ParseStatus::Error;
-      uint64_t number = 0;
-      if (!ParseUnsignedOption(value, numberOption->max, number) || !numberOption->valid(number)) {
-        error = "bad value '" + value + "' for " + option + ": expected " + numberOption->expected;
-        return ParseStatus::Error;
-      }
-      numberOption->store(number);
-      continue;
-    }
-    error = (option.rfind('-', 0) == 0 ? "unknown option '" : "unexpected argument '") +
-            std::string(argv[i]) + "' (try --help)";
+namespace {
+
+const char kDescription[] =
+    "Drives a simulated memory cube with request generators through its host\n"
+    "interface and reports the model's statistics and its own summary.\n"
+    "Configuration (later sources win): compiled defaults, LIBZEL_CONFIG_FILE,\n"
+    "LIBZEL_NUM_TOKENS and ZEL_BFM_NUM_TOKENS, then --config and --set in\n"
+    "command-line order.";
+
+const char kFooter[] =
+    "Exit status:\n"
+    "  0  the run ended and every response matched its request\n"
+    "  1  responses did not match requests, (--check-rest) the cube was not at rest,\n"
+    "     or an output file could not be written at the end\n"
+    "  2  the command line or the configuration is wrong, or the cube can't run it\n"
+    "     to the end; nothing was simulated\n"
+    "  3  the model stopped the run before zelsim finished it (a model error that\n"
+    "     ends the program with status 0 on its own)\n"
+    "  4  deadlock: traffic outstanding and no flit moved for the deadlock timeout\n"
+    "A model error that aborts ends zelsim by its signal.\n"
+    "See docs/usage.md for the keys zelsim reads, the outputs and the trace format.";
+
+// What the parser collects beyond Options: the values of the repeatable
+// options, put in order once the whole line is read.
+struct Collected {
+  CLI::Option* config = nullptr;
+  CLI::Option* set = nullptr;
+  CLI::Option* progressOn = nullptr;
+  CLI::Option* progressOff = nullptr;
+  std::vector<std::string> configFiles;
+  std::vector<std::string> assignments;
+  std::vector<std::string> corrections;
+  bool showProgress = false;
+  bool hideProgress = false;
+  bool noConfigGuards = false;
+};
+
+// An option that takes an unsigned decimal number up to `max` that passes
+// `valid`; `expected` describes a good value for the message.
+CLI::Option* AddNumber(CLI::App& app, const std::string& name, const std::string& typeName,
+                       const std::string& help, uint64_t max, const std::string& expected,
+                       std::function<bool(uint64_t)> valid, std::function<void(uint64_t)> store) {
+  const CLI::Validator check(
+      [=](std::string& text) {
+        uint64_t value = 0;
+        if (ParseUnsignedOption(text, max, value) && valid(value)) return std::string();
+        return "bad value '" + text + "': expected " + expected;
+      },
+      "");
+  return app
+      .add_option_function<std::string>(
+          name,
+          [=](const std::string& text) {
+            uint64_t value = 0;
+            ParseUnsignedOption(text, max, value);
+            store(value);
+          },
+          help)
+      ->type_name(typeName)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+      ->check(check);
+}
+
+// An option that names a file to write.
+CLI::Option* AddFile(CLI::App& app, const std::string& name, std::string& file, const std::string& help) {
+  const CLI::Validator named(
+      [](std::string& text) { return text.empty() ? std::string("needs a file name") : std::string(); }, "");
+  return app.add_option(name, file, help)
+      ->type_name("FILE")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+      ->check(named);
+}
+
+CLI::Option* AddFlag(CLI::App& app, const std::string& name, bool& flag, const std::string& help) {
+  return app.add_flag(name, flag, help)
+      ->disable_flag_override()
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+}
+
+std::string Joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words) text += (text.empty() ? "" : ", ") + word;
+  return text;
+}
+
+void DefineOptions(CLI::App& app, Options& options, Collected& c) {
+  app.description(kDescription);
+  app.footer(kFooter);
+  app.get_formatter()->column_width(28);
+  // Unknown options and stray words get zelsim's own message (see below).
+  app.allow_extras();
+  app.set_version_flag("--version", VersionText(), "Show the version and exit");
+  app.set_help_flag("-h,--help", "Show this text and exit");
+
+  const std::string configuration = "Configuration";
+  c.config = app.add_option("--config", c.configFiles, "Read KEY = VALUE lines from FILE (repeatable)")
+                 ->type_name("FILE")
+                 ->type_size(1)
+                 ->allow_extra_args(false)
+                 ->group(configuration);
+  c.set = app.add_option("--set", c.assignments, "Set one key (repeatable)")
+              ->type_name("KEY=VALUE")
+              ->type_size(1)
+              ->allow_extra_args(false)
+              ->group(configuration);
+
+  const std::string run = "Run";
+  const auto any = [](uint64_t) { return true; };
+  AddNumber(app, "--seed", "N", "Seed of the request generators (default 1)",
+            std::numeric_limits<uint64_t>::max(), "an unsigned decimal number", any,
+            [&options](uint64_t n) { options.seed = n; })
+      ->group(run);
+  AddNumber(app, "--cube-size", "ENC", "Cube size encoding 0, 1 or 2 (2, 4 or 8 GB)", 2,
+            "0, 1 or 2 (2, 4 or 8 GB)", any,
+            [&options](uint64_t n) { options.cubeSize = static_cast<int>(n); })
+      ->group(run);
+  AddNumber(
+      app, "--link-rate", "RATE", "Link rate 40, 50 or 60 (10, 12.5 or 15 Gb/s per lane)", 60, "40, 50 or 60",
+      [](uint64_t n) { return n == 40 || n == 50 || n == 60; },
+      [&options](uint64_t n) { options.linkRate = static_cast<unsigned>(n); })
+      ->group(run);
+  AddNumber(
+      app, "--lanes", "N", "Lanes of every link", 128, "a lane count from 1 to 128",
+      [](uint64_t n) { return n != 0; }, [&options](uint64_t n) { options.lanes = static_cast<unsigned>(n); })
+      ->group(run);
+  AddFlag(app, "--check-rest", options.checkRest,
+          "After the run, drain the cube and check that it is at rest")
+      ->group(run);
+  // Up to 1000 s, which a time of picoseconds holds with room to spare.
+  AddNumber(app, "--deadlock-timeout", "NS", "Deadlocked after NS ns without a flit moving (100000; 0: off)",
+            1000000000000ull, "a number of nanoseconds up to 10^12 (0: off)", any,
+            [&options](uint64_t n) { options.deadlockTimeoutNs = n; })
+      ->group(run);
+  AddNumber(app, "--token-return-wait", "CYCLES", "Core cycles response tokens wait for a request tail (0)",
+            1000000, "a number of core cycles up to 1000000", any,
+            [&options](uint64_t n) { options.tokenReturnWait = static_cast<unsigned>(n); })
+      ->group(run);
+  const CLI::Validator knownCorrection(
+      [](std::string& name) {
+        const std::vector<std::string>& names = CorrectionNames();
+        if (name == "all" || std::find(names.begin(), names.end(), name) != names.end()) return std::string();
+        return "unknown correction '" + name + "' (known: " + Joined(names) + ", all)";
+      },
+      "");
+  app.add_option("--correct", c.corrections,
+                 "Correct the model: " + Joined(CorrectionNames()) + " or all (repeatable)")
+      ->type_name("NAME")
+      ->type_size(1)
+      ->allow_extra_args(false)
+      ->check(knownCorrection)
+      ->group(run);
+  // For tests: an empty group keeps it out of the help.
+  AddFlag(app, "--no-config-guards", c.noConfigGuards, "")->group("");
+
+  const std::string output = "Output";
+  AddFile(app, "--json", options.jsonFile, "Write the results as JSON to FILE")->group(output);
+  AddFile(app, "--report", options.reportFile, "Write the model's own text to FILE, not to standard output")
+      ->group(output);
+  AddFile(app, "--timeline", options.timelineFile, "Write a CSV row per interval to FILE")->group(output);
+  AddNumber(
+      app, "--interval", "NS", "Interval of the timeline in ns (default 1000)", 1000000000000ull,
+      "a number of nanoseconds from 1 to 10^12", [](uint64_t n) { return n != 0; },
+      [&options](uint64_t n) { options.intervalNs = n; })
+      ->group(output);
+  AddFile(app, "--vcd", options.vcdFile, "Write a VCD of the links' signals to FILE")->group(output);
+  AddFile(app, "--responses", options.responsesFile, "Write a line per flit the host takes to FILE")
+      ->group(output);
+  c.progressOn = AddFlag(app, "--progress", c.showProgress, "Show progress on standard error")->group(output);
+  c.progressOff =
+      AddFlag(app, "--no-progress", c.hideProgress, "Don't (default: only on a terminal)")->group(output);
+  AddFlag(app, "--dump-state", options.dumpState, "Print the cube's state at the end of the run")
+      ->group(output);
+}
+
+}  // namespace
+
+ParseStatus ParseCommandLine(int argc, const char* const* argv, Options& options, std::string& error) {
+  CLI::App app("", "zelsim");
+  Collected c;
+  DefineOptions(app, options, c);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    return ParseStatus::Help;
+  } catch (const CLI::CallForAllHelp&) {
+    return ParseStatus::Help;
+  } catch (const CLI::CallForVersion&) {
+    return ParseStatus::Version;
+  } catch (const CLI::ParseError& e) {
+    error = std::string(e.what()) + " (try --help)";
     return ParseStatus::Error;
+  }
+  const std::vector<std::string> extras = app.remaining();
+  if (!extras.empty()) {
+    error = (extras.front().rfind('-', 0) == 0 ? "unknown option '" : "unexpected argument '") +
+            extras.front() + "' (try --help)";
+    return ParseStatus::Error;
+  }
+  // --config and --set in the order they stand on the command line, and
+  // the last of --progress and --no-progress.
+  std::size_t nextFile = 0;
+  std::size_t nextAssignment = 0;
+  for (const CLI::Option* option : app.parse_order()) {
+    if (option == c.config) options.sources.push_back(ConfigSource{true, c.configFiles[nextFile++]});
+    if (option == c.set) options.sources.push_back(ConfigSource{false, c.assignments[nextAssignment++]});
+    if (option == c.progressOn) options.progress = ProgressMode::On;
+    if (option == c.progressOff) options.progress = ProgressMode::Off;
+  }
+  options.configGuards = !c.noConfigGuards;
+  const bool all = std::find(c.corrections.begin(), c.corrections.end(), "all") != c.corrections.end();
+  for (const std::string& name : CorrectionNames()) {
+    if (all || std::find(c.corrections.begin(), c.corrections.end(), name) != c.corrections.end())
+      options.corrections.push_back(name);
   }
   return ParseStatus::Run;
 }
@@ -382,47 +497,11 @@ bool ResolveConfiguration(const Options& options, ConfigOverlay& overlay, std::s
 }
 
 std::string UsageText() {
-  return "Usage: zelsim [OPTION]...\n"
-         "Drives a simulated memory cube with request generators through its host\n"
-         "interface and reports the model's statistics and its own summary.\n"
-         "\n"
-         "Configuration (later sources win): compiled defaults, LIBZEL_CONFIG_FILE,\n"
-         "LIBZEL_NUM_TOKENS and ZEL_BFM_NUM_TOKENS, then these, in command-line order:\n"
-         "  --config FILE       read KEY = VALUE lines from FILE (repeatable)\n"
-         "  --set KEY=VALUE     set one key (repeatable)\n"
-         "\n"
-         "Run:\n"
-         "  --seed N            seed of the request generators (default 1)\n"
-         "  --cube-size ENC     cube size encoding 0, 1 or 2 (2, 4 or 8 GB)\n"
-         "  --link-rate RATE    link rate 40, 50 or 60 (10, 12.5 or 15 Gb/s per lane)\n"
-         "  --lanes N           lanes of every link\n"
-         "  --check-rest        after the run, drain the cube and check that it is at rest\n"
-         "  --deadlock-timeout NS\n"
-         "                      stop as deadlocked when no flit moves at the host for NS ns\n"
-         "                      of simulated time while traffic is outstanding (default\n"
-         "                      100000; 0: never)\n"
-         "  --token-return-wait CYCLES\n"
-         "                      let freed response space wait CYCLES core cycles for a\n"
-         "                      request tail, then go in a TOKEN_RETURN flit while all\n"
-         "                      request tokens are back, or after 8 x CYCLES (default 0:\n"
-         "                      at once)\n"
-         "\n"
-         "Output:\n"
-         "  --json FILE         write the results as JSON to FILE\n"
-         "  --dump-state        print the cube's state at the end of the run\n"
-         "  --help              show this text and exit\n"
-         "  --version           show the version and exit\n"
-         "\n"
-         "Exit status:\n"
-         "  0  the run ended and every response matched its request\n"
-         "  1  responses did not match requests, or (--check-rest) the cube was not at rest\n"
-         "  2  the command line or the configuration is wrong, or the cube can't run it\n"
-         "     to the end; nothing was simulated\n"
-         "  3  the model stopped the run before zelsim finished it (a model error that\n"
-         "     ends the program with status 0 on its own)\n"
-         "  4  deadlock: traffic outstanding and no flit moved for the deadlock timeout\n"
-         "A model error that aborts ends zelsim by its signal.\n"
-         "See docs/usage.md for the keys zelsim reads and the trace file format.\n";
+  CLI::App app("", "zelsim");
+  Options options;
+  Collected c;
+  DefineOptions(app, options, c);
+  return app.help();
 }
 
 std::string VersionText() {

@@ -72,10 +72,27 @@ struct ConfigSource {
   std::string text;  // the file name or the assignment
 };
 
+// The corrections of known model faults that a run can ask for, in the order
+// in which they are listed and recorded.
+const std::vector<std::string>& CorrectionNames();
+
+// Whether the progress display is drawn: by default only when standard error
+// is a terminal.
+enum class ProgressMode { Auto, On, Off };
+
 struct Options {
   std::vector<ConfigSource> sources;
   uint64_t seed = 1;
-  std::string jsonFile;  // empty: no JSON
+  std::string jsonFile;        // empty: no JSON
+  std::string reportFile;      // the model's own text goes there; empty: to standard output
+  std::string timelineFile;    // empty: no timeline
+  uint64_t intervalNs = 1000;  // of the timeline
+  std::string vcdFile;         // empty: no VCD of the links
+  std::string responsesFile;   // empty: no log of the flits taken
+  ProgressMode progress = ProgressMode::Auto;
+  // The corrections asked for, `all` expanded, in the order of
+  // CorrectionNames(), each once.
+  std::vector<std::string> corrections;
   bool dumpState = false;
   // After the run: drain the cube, flush the vault switches' parked credits
   // and check that every block is back at rest.

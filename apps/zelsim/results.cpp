@@ -2,85 +2,167 @@
 #include "apps/zelsim/results.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <iomanip>
+#include <nlohmann/json.hpp>
 #include <sstream>
+#include <type_traits>
+
+#include "apps/zelsim/bandwidth.h"
 
 namespace Sornak {
 namespace Internal {
 namespace ZEL2 {
 namespace Bench {
 
+using Json = nlohmann::ordered_json;
+
 namespace {
 
-// A number for JSON: integers stay exact, others get enough digits to read back.
-std::string JsonNumber(double value) {
-  char buffer[40];
-  std::snprintf(buffer, sizeof buffer, "%.15g", value);
-  return buffer;
+// The capacity in flits of every link of the run, or of one, over the
+// traffic's time.
+double CapacityOf(const std::vector<LinkResults>& links, double trafficNs) {
+  std::vector<uint64_t> flitTimes;
+  for (const LinkResults& link : links) flitTimes.push_back(link.flitTimePs);
+  return FlitCapacity(flitTimes, trafficNs);
 }
 
-std::string LatencyCell(const LatencyStats& latency, double value) {
-  if (latency.count == 0) return "-";
+// ---- The summary
+
+std::string Fixed(double value, int digits) {
   std::ostringstream text;
-  text << std::fixed << std::setprecision(1) << value;
+  text << std::fixed << std::setprecision(digits) << value;
   return text.str();
 }
 
-void PrintLinkRow(std::ostream& out, const std::string& name, const LinkResults& r) {
-  out << std::setfill(' ') << std::left << std::setw(6) << name << std::right << std::setw(10) << r.issued
-      << std::setw(10) << r.completed << std::setw(9) << r.posted << std::setw(8) << r.outstanding
-      << std::setw(10) << r.requestFlits << std::setw(10) << r.responseFlits << std::setw(11)
-      << LatencyCell(r.latency, r.latency.MeanNs()) << std::setw(10)
-      << LatencyCell(r.latency, r.latency.minNs) << std::setw(10) << LatencyCell(r.latency, r.latency.maxNs)
-      << '\n';
+// One row of a link's table: a kind of request, its completed count, its
+// bandwidth (none for atomics, whose payload counts neither as read nor as
+// written) and its latency figures.
+void PrintKindRow(std::ostream& out, const char* kind, const LatencyHistogram& latency, const double* gbps,
+                  const double* offered) {
+  const LatencySummary s = Summarise(latency);
+  out << std::left << std::setw(8) << kind << std::right << std::setw(9) << s.count;
+  out << std::setw(8) << (gbps != nullptr ? Fixed(*gbps, 2) : "-");
+  out << std::setw(9) << (offered != nullptr ? Fixed(*offered, 2) : "-");
+  for (const double ns : {s.minNs, s.meanNs, s.p50Ns, s.p90Ns, s.p95Ns, s.p99Ns, s.p999Ns, s.maxNs})
+    out << std::setw(9) << (s.count == 0 ? "-" : Fixed(ns, 1));
+  out << '\n';
 }
 
-void WriteLinkFields(std::ostream& out, const LinkResults& r, const char* indent) {
-  const auto field = [&](const char* name, uint64_t value, bool comma = true) {
-    out << indent << JsonString(name) << ": " << value << (comma ? ",\n" : "\n");
-  };
-  field("issued", r.issued);
-  field("reads", r.reads);
-  field("writes", r.writes);
-  field("atomics", r.atomics);
-  field("posted", r.posted);
-  field("completed", r.completed);
-  field("outstanding", r.outstanding);
-  field("request_flits", r.requestFlits);
-  field("response_flits", r.responseFlits);
-  field("token_returns_sent", r.tokenReturnsSent);
-  field("token_returns_received", r.tokenReturnsReceived);
-  field("request_tokens_received", r.requestTokensReceived);
-  field("response_tokens_returned", r.responseTokensReturned);
-  field("request_tokens_held", r.requestTokensHeld);
-  field("bytes_read", r.bytesRead);
-  field("bytes_written", r.bytesWritten);
-  field("mismatches", r.mismatches);
-  out << indent << "\"latency_ns\": {\"count\": " << r.latency.count;
-  if (r.latency.count != 0) {
-    out << ", \"mean\": " << JsonNumber(r.latency.MeanNs()) << ", \"min\": " << JsonNumber(r.latency.minNs)
-        << ", \"max\": " << JsonNumber(r.latency.maxNs);
-  } else {
-    out << ", \"mean\": null, \"min\": null, \"max\": null";
+void PrintLinkTable(std::ostream& out, const std::string& name, const LinkResults& r,
+                    const LinkRates& rates) {
+  out << '\n'
+      << name << ": " << r.issued << " requests issued, " << r.completed << " completed, " << r.posted
+      << " posted, " << r.outstanding << " open\n"
+      << "  " << r.requestFlits << " request flits (link busy " << Fixed(100 * rates.requestUtilisation, 1)
+      << " %), " << r.responseFlits << " response flits (busy " << Fixed(100 * rates.responseUtilisation, 1)
+      << " %)\n";
+  out << std::left << std::setw(8) << "" << std::right << std::setw(9) << "Done" << std::setw(8) << "GB/s"
+      << std::setw(9) << "Offered";
+  for (const char* column : {"Min", "Mean", "p50", "p90", "p95", "p99", "p99.9", "Max"})
+    out << std::setw(9) << column;
+  out << '\n';
+  PrintKindRow(out, "read", r.readLatency, &rates.readGbps, &rates.offeredReadGbps);
+  PrintKindRow(out, "write", r.writeLatency, &rates.writeGbps, &rates.offeredWriteGbps);
+  PrintKindRow(out, "atomic", r.atomicLatency, nullptr, nullptr);
+  PrintKindRow(out, "all", r.Latency(), &rates.totalGbps, &rates.offeredTotalGbps);
+}
+
+// ---- JSON
+
+// A float key as the shortest decimal that reads back to it, so that 0.1
+// shows as 0.1 and not as the double nearest to the float.
+double FloatValue(float value) {
+  for (int digits = 1; digits < 10; ++digits) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.*g", digits, static_cast<double>(value));
+    const double shortest = std::strtod(text, nullptr);
+    if (static_cast<float>(shortest) == value) return shortest;
   }
-  out << "}\n";
+  return static_cast<double>(value);
+}
+
+template <class T>
+Json ConfigValue(const T& value) {
+  if constexpr (std::is_same_v<T, sc_core::sc_time>) {
+    // Nanoseconds from whole picoseconds, so that 1.6 ns shows as 1.6.
+    return static_cast<double>(value.value()) / 1000;
+  } else if constexpr (std::is_same_v<T, float>) {
+    return FloatValue(value);
+  } else {
+    return value;
+  }
+}
+
+Json ConfigJson(const Config& cfg) {
+  Json config = Json::object();
+#define ZELSIM_CONFIG_JSON(type, name, def) config[#name] = ConfigValue(cfg.name);
+  ZEL_CONFIG_KEYS(ZELSIM_CONFIG_JSON)
+#undef ZELSIM_CONFIG_JSON
+  return config;
+}
+
+Json LatencyJson(const LatencyHistogram& histogram) {
+  const LatencySummary s = Summarise(histogram);
+  Json latency = Json::object();
+  latency["count"] = s.count;
+  const std::pair<const char*, double> figures[] = {{"min", s.minNs},   {"mean", s.meanNs}, {"p50", s.p50Ns},
+                                                    {"p90", s.p90Ns},   {"p95", s.p95Ns},   {"p99", s.p99Ns},
+                                                    {"p999", s.p999Ns}, {"max", s.maxNs}};
+  for (const auto& [name, ns] : figures) latency[name] = s.count == 0 ? Json() : Json(ns);
+  Json bounds = Json::array();
+  Json counts = Json::array();
+  for (const LatencyHistogram::Bucket& bucket : histogram.Buckets()) {
+    if (bounds.empty()) bounds.push_back(static_cast<double>(bucket.lowPs) / 1000);
+    bounds.push_back(static_cast<double>(bucket.highPs) / 1000);
+    counts.push_back(bucket.count);
+  }
+  latency["histogram"] = {{"bounds_ns", bounds}, {"counts", counts}};
+  return latency;
+}
+
+Json LinkJson(const LinkResults& r, const LinkRates& rates) {
+  Json link = Json::object();
+  link["issued"] = r.issued;
+  link["completed"] = r.completed;
+  link["outstanding"] = r.outstanding;
+  link["posted"] = r.posted;
+  link["reads"] = r.reads;
+  link["writes"] = r.writes;
+  link["atomics"] = r.atomics;
+  link["bytes_read"] = r.bytesRead;
+  link["bytes_written"] = r.bytesWritten;
+  link["offered_bytes_read"] = r.offeredBytesRead;
+  link["offered_bytes_written"] = r.offeredBytesWritten;
+  link["request_flits"] = r.requestFlits;
+  link["response_flits"] = r.responseFlits;
+  link["bandwidth_gbps"] = {{"read", rates.readGbps},
+                            {"write", rates.writeGbps},
+                            {"total", rates.totalGbps},
+                            {"offered_read", rates.offeredReadGbps},
+                            {"offered_write", rates.offeredWriteGbps},
+                            {"offered_total", rates.offeredTotalGbps}};
+  link["utilisation"] = {{"request", rates.requestUtilisation}, {"response", rates.responseUtilisation}};
+  link["latency_ns"] = {{"all", LatencyJson(r.Latency())},
+                        {"read", LatencyJson(r.readLatency)},
+                        {"write", LatencyJson(r.writeLatency)},
+                        {"atomic", LatencyJson(r.atomicLatency)}};
+  link["token_returns_sent"] = r.tokenReturnsSent;
+  link["token_returns_received"] = r.tokenReturnsReceived;
+  link["request_tokens_received"] = r.requestTokensReceived;
+  link["response_tokens_returned"] = r.responseTokensReturned;
+  link["request_tokens_held"] = r.requestTokensHeld;
+  link["mismatches"] = r.mismatches;
+  return link;
 }
 
 }  // namespace
 
-void LatencyStats::Add(double ns) {
-  if (count == 0 || ns < minNs) minNs = ns;
-  if (count == 0 || ns > maxNs) maxNs = ns;
-  sumNs += ns;
-  ++count;
-}
-
-void LatencyStats::Merge(const LatencyStats& other) {
-  if (other.count == 0) return;
-  if (count == 0 || other.minNs < minNs) minNs = other.minNs;
-  if (count == 0 || other.maxNs > maxNs) maxNs = other.maxNs;
-  sumNs += other.sumNs;
-  count += other.count;
+LatencyHistogram LinkResults::Latency() const {
+  LatencyHistogram all = readLatency;
+  all.Merge(writeLatency);
+  all.Merge(atomicLatency);
+  return all;
 }
 
 LinkResults RunResults::Total() const {
@@ -103,23 +185,44 @@ LinkResults RunResults::Total() const {
     total.bytesRead += r.bytesRead;
     total.bytesWritten += r.bytesWritten;
     total.mismatches += r.mismatches;
-    total.latency.Merge(r.latency);
+    total.offeredBytesRead += r.offeredBytesRead;
+    total.offeredBytesWritten += r.offeredBytesWritten;
+    total.readLatency.Merge(r.readLatency);
+    total.writeLatency.Merge(r.writeLatency);
+    total.atomicLatency.Merge(r.atomicLatency);
   }
   return total;
 }
 
+double RunResults::TrafficTimeNs() const {
+  if (!sentAny || !tookAny || lastResponsePs < firstRequestPs) return 0;
+  return static_cast<double>(lastResponsePs - firstRequestPs) / 1000;
+}
+
 void PrintSummary(std::ostream& out, const RunResults& results) {
+  // The model leaves its fill character and number formats on the stream.
+  std::ios saved(nullptr);
+  saved.copyfmt(out);
+  out << std::setfill(' ') << std::defaultfloat;
   const LinkResults total = results.Total();
+  const double trafficNs = results.TrafficTimeNs();
   out << "==== zelsim summary " << std::string(60, '=') << '\n';
-  out << "Seed " << results.seed << "; ended at " << std::fixed << std::setprecision(1) << results.endTimeNs
-      << " ns, " << (results.drained ? "all requests done and drained" : "SIM_TIME reached") << '\n';
-  out << std::setfill(' ') << std::left << std::setw(6) << "Link" << std::right << std::setw(10) << "Issued"
-      << std::setw(10) << "Complete" << std::setw(9) << "Posted" << std::setw(8) << "Open" << std::setw(10)
-      << "ReqFlits" << std::setw(10) << "RspFlits" << std::setw(11) << "Lat.mean" << std::setw(10)
-      << "Lat.min" << std::setw(10) << "Lat.max" << '\n';
-  for (const LinkResults& r : results.links) PrintLinkRow(out, std::to_string(r.link), r);
-  PrintLinkRow(out, "All", total);
-  out << "Latencies in ns, from the first request flit sent to the last response flit taken.\n";
+  out << "Seed " << results.seed << "; " << results.numGenerators << " generators of " << results.numRequests
+      << (results.traces ? " trace requests at most" : " requests") << "; SIM_TIME "
+      << (results.simTimeNs == 0 ? std::string("none") : Fixed(results.simTimeNs, 0) + " ns") << '\n';
+  out << "Ended at " << Fixed(results.endTimeNs, 1) << " ns, "
+      << (results.drained ? "all requests done and drained" : "SIM_TIME reached") << "; traffic for "
+      << Fixed(trafficNs, 1) << " ns\n";
+  for (const LinkResults& r : results.links) {
+    if (!r.CarriedTraffic()) continue;
+    PrintLinkTable(out, "Link " + std::to_string(r.link), r,
+                   RatesOf(r, trafficNs, CapacityOf({r}, trafficNs)));
+  }
+  PrintLinkTable(out, "All links", total, RatesOf(total, trafficNs, CapacityOf(results.links, trafficNs)));
+  out << '\n';
+  out << "Latencies in ns, from the first request flit sent to the last response flit taken; percentiles\n"
+         "within 0.8 %. GB/s are decimal, over the traffic's time (first request flit sent to last\n"
+         "response flit taken): completed reads, issued writes, and what the generators offered.\n";
   out << "Requests: " << total.reads << " reads, " << total.writes << " writes, " << total.atomics
       << " atomics; " << total.bytesRead << " bytes read, " << total.bytesWritten << " bytes written\n";
   out << "Generators:";
@@ -130,69 +233,46 @@ void PrintSummary(std::ostream& out, const RunResults& results) {
   out << "Response mismatches: " << total.mismatches << "; unanswered at the end: " << total.outstanding
       << '\n';
   for (const std::string& message : results.mismatchMessages) out << "  " << message << '\n';
-  out << std::defaultfloat << std::setprecision(6);
+  out.copyfmt(saved);
 }
 
-void WriteJson(std::ostream& out, const RunResults& results) {
-  out << "{\n";
-  out << "  \"version\": " << JsonString(results.version) << ",\n";
-  out << "  \"seed\": " << results.seed << ",\n";
-  out << "  \"sim_time_ns\": " << JsonNumber(results.simTimeNs) << ",\n";
-  out << "  \"end_time_ns\": " << JsonNumber(results.endTimeNs) << ",\n";
-  out << "  \"drained\": " << (results.drained ? "true" : "false") << ",\n";
-  out << "  \"links\": [\n";
-  for (size_t i = 0; i < results.links.size(); ++i) {
-    out << "    {\n      \"link\": " << results.links[i].link << ",\n";
-    WriteLinkFields(out, results.links[i], "      ");
-    out << "    }" << (i + 1 < results.links.size() ? ",\n" : "\n");
+void WriteJson(std::ostream& out, const RunResults& results, const Config& cfg) {
+  const double trafficNs = results.TrafficTimeNs();
+  Json json = Json::object();
+  json["schema_version"] = 1;
+  json["version"] = results.version;
+  json["seed"] = results.seed;
+  json["corrections"] = results.corrections;
+  json["config"] = ConfigJson(cfg);
+  json["run"] = {{"sim_time_ns", results.simTimeNs}, {"end_time_ns", results.endTimeNs},
+                 {"traffic_time_ns", trafficNs},     {"drained", results.drained},
+                 {"deadlock", results.deadlock},     {"mismatches", results.Mismatches()}};
+  Json links = Json::array();
+  for (const LinkResults& r : results.links) {
+    if (!r.CarriedTraffic()) continue;
+    Json link = {{"link", r.link}};
+    link.update(LinkJson(r, RatesOf(r, trafficNs, CapacityOf({r}, trafficNs))));
+    links.push_back(link);
   }
-  out << "  ],\n  \"total\": {\n";
-  WriteLinkFields(out, results.Total(), "    ");
-  out << "  },\n  \"generators\": [\n";
-  for (size_t i = 0; i < results.generators.size(); ++i) {
-    const GeneratorResults& g = results.generators[i];
-    out << "    {\"generator\": " << g.generator << ", \"generated\": " << g.generated
-        << ", \"issued\": " << g.issued << ", \"done\": " << (g.done ? "true" : "false") << "}"
-        << (i + 1 < results.generators.size() ? ",\n" : "\n");
+  json["links"] = links;
+  json["total"] =
+      LinkJson(results.Total(), RatesOf(results.Total(), trafficNs, CapacityOf(results.links, trafficNs)));
+  Json generators = Json::array();
+  for (const GeneratorResults& g : results.generators) {
+    generators.push_back(
+        {{"generator", g.generator}, {"generated", g.generated}, {"issued", g.issued}, {"done", g.done}});
   }
-  out << "  ],\n  \"mismatch_messages\": [";
-  for (size_t i = 0; i < results.mismatchMessages.size(); ++i) {
-    out << (i == 0 ? "\n    " : ",\n    ") << JsonString(results.mismatchMessages[i]);
+  json["generators"] = generators;
+  json["wall_clock"] = {
+      {"seconds", results.wallSeconds},
+      {"sim_ns_per_second", results.wallSeconds > 0 ? results.endTimeNs / results.wallSeconds : 0.0}};
+  // Beyond the schema's fields.
+  json["mismatch_messages"] = results.mismatchMessages;
+  if (results.restChecked) {
+    json["rest_state"] = results.restViolations.empty() ? Json("ok") : Json(results.restViolations);
   }
-  out << (results.mismatchMessages.empty() ? "]\n" : "\n  ]\n");
-  out << "}\n";
-}
-
-std::string JsonString(const std::string& text) {
-  std::string quoted = "\"";
-  for (const char c : text) {
-    switch (c) {
-      case '"':
-        quoted += "\\\"";
-        break;
-      case '\\':
-        quoted += "\\\\";
-        break;
-      case '\n':
-        quoted += "\\n";
-        break;
-      case '\r':
-        quoted += "\\r";
-        break;
-      case '\t':
-        quoted += "\\t";
-        break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          char escape[8];
-          std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(c));
-          quoted += escape;
-        } else {
-          quoted += c;
-        }
-    }
-  }
-  return quoted + "\"";
+  // Names from the command line may hold any bytes; JSON wants UTF-8.
+  out << json.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 
 }  // namespace Bench

@@ -10,22 +10,13 @@
 #include <string>
 #include <vector>
 
+#include "apps/zelsim/latency.h"
+#include "zel2/Config.h"
+
 namespace Sornak {
 namespace Internal {
 namespace ZEL2 {
 namespace Bench {
-
-// Latencies in nanoseconds: count, sum, smallest and largest.
-struct LatencyStats {
-  uint64_t count = 0;
-  double sumNs = 0;
-  double minNs = 0;
-  double maxNs = 0;
-
-  void Add(double ns);
-  void Merge(const LatencyStats& other);
-  double MeanNs() const { return count == 0 ? 0 : sumNs / static_cast<double>(count); }
-};
 
 // The host's counts of one link.
 struct LinkResults {
@@ -47,7 +38,21 @@ struct LinkResults {
   uint64_t bytesRead = 0;               // payload of completed reads
   uint64_t bytesWritten = 0;            // payload of issued writes
   uint64_t mismatches = 0;              // responses that matched no request as they should
-  LatencyStats latency;                 // first request flit sent to last response flit taken
+  uint64_t offeredBytesRead = 0;        // payload of the reads the generators made for this link
+  uint64_t offeredBytesWritten = 0;     // payload of the writes they made for it
+  // Flit time of the link in ps: its capacity is one flit per flit time.
+  uint64_t flitTimePs = 0;
+  // Latencies of the completed requests, from the first request flit sent
+  // to the last response flit taken, by kind: reads, non-posted writes and
+  // non-posted atomics.
+  LatencyHistogram readLatency;
+  LatencyHistogram writeLatency;
+  LatencyHistogram atomicLatency;
+
+  // All three kinds together.
+  LatencyHistogram Latency() const;
+  // Carried any traffic: sent a request or took a response.
+  bool CarriedTraffic() const { return issued != 0 || responseFlits != 0; }
 };
 
 struct GeneratorResults {
@@ -60,23 +65,42 @@ struct GeneratorResults {
 struct RunResults {
   std::string version;
   uint64_t seed = 0;
-  double simTimeNs = 0;  // SIM_TIME; 0 for no limit
-  double endTimeNs = 0;  // when the run ended
-  bool drained = false;  // ended because all generators were done and all traffic was back
+  std::vector<std::string> corrections;  // names of the model corrections asked for
+  double simTimeNs = 0;                  // SIM_TIME; 0 for no limit
+  double endTimeNs = 0;                  // when the run ended
+  // The traffic's time: from the first request flit sent to the last
+  // response flit taken; no time when either is missing.
+  bool sentAny = false;
+  bool tookAny = false;
+  uint64_t firstRequestPs = 0;
+  uint64_t lastResponsePs = 0;
+  bool drained = false;   // ended because all generators were done and all traffic was back
+  bool deadlock = false;  // stopped by the deadlock watchdog
   std::vector<LinkResults> links;
   std::vector<GeneratorResults> generators;
   std::vector<std::string> mismatchMessages;  // the first few, word for word
+  // The run as planned, for the summary's first line.
+  unsigned numGenerators = 0;
+  uint64_t numRequests = 0;
+  bool traces = false;
+  // --check-rest: whether it ran, and what it found.
+  bool restChecked = false;
+  std::vector<std::string> restViolations;
+  // Wall-clock time of the simulation, the only figure that differs between
+  // two runs of the same point.
+  double wallSeconds = 0;
 
   LinkResults Total() const;
   uint64_t Mismatches() const { return Total().mismatches; }
+  double TrafficTimeNs() const;
 };
 
-// The summary for people, after the model's own report.
+// The summary for people, after the model's own report: one table per link
+// that carried traffic, then the total.
 void PrintSummary(std::ostream& out, const RunResults& results);
-// The results as one JSON object (fields in docs/usage.md).
-void WriteJson(std::ostream& out, const RunResults& results);
-// A string as a JSON string literal, quotes included.
-std::string JsonString(const std::string& text);
+// The results as one JSON object (fields in docs/usage.md), with the
+// effective configuration `cfg`.
+void WriteJson(std::ostream& out, const RunResults& results, const Config& cfg);
 
 }  // namespace Bench
 }  // namespace ZEL2
