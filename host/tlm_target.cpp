@@ -6,7 +6,7 @@
 #include <limits>
 #include <string>
 
-#include "apps/zelsim/generator.h"
+#include "host/generator.h"
 #include "zel2/zel2_atomics_extension.h"
 
 namespace Sornak {

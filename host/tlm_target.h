@@ -19,7 +19,7 @@
 #include <tlm_utils/multi_passthrough_target_socket.h>
 #include <tlm_utils/peq_with_cb_and_phase.h>
 
-#include "apps/zelsim/host.h"
+#include "host/legal_host.h"
 #include "host/backing_store.h"
 #include "zel2/2in1Wrapper.h"
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "apps/zelsim/bench.h"
-#include "apps/zelsim/generator.h"
+#include "host/generator.h"
 #include "test_tlm_support.h"
 
 using namespace zelsim_test;

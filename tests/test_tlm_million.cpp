@@ -15,7 +15,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "apps/zelsim/generator.h"
+#include "host/generator.h"
 #include "host/backing_store.h"
 #include "test_tlm_support.h"
 
@@ -284,7 +284,7 @@ TEST_P(TlmTargetMillion, EveryTransactionAnsweredOnceWithItsDataAndStatus) {
   EXPECT_EQ(counts.refused, all.refused);
   EXPECT_EQ(counts.completed, kPerCase - all.refused);
   EXPECT_EQ(counts.failed + counts.inFlight, 0u);
-  Bench::RunResults results;
+  Bench::HostResults results;
   target->Engine().CollectResults(results);
   const Bench::LinkResults total = results.Total();
   EXPECT_EQ(total.mismatches + total.outstanding, 0u);

@@ -16,7 +16,7 @@
 #include <sstream>
 
 #include "apps/zelsim/bench.h"
-#include "apps/zelsim/generator.h"
+#include "host/generator.h"
 #include "test_tlm_support.h"
 
 using namespace zelsim_test;
