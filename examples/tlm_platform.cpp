@@ -13,7 +13,7 @@
 #include <systemc>
 #include <tlm>
 
-#include "host/tlm_target.h"
+#include <host/tlm_target.h>
 
 using namespace Sornak::Internal::ZEL2;
 
