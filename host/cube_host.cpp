@@ -26,6 +26,7 @@ uint64_t CubeHost::Send(Request request) {
     SC_REPORT_ERROR("zelsim/host", ("request on link " + std::to_string(request.link) + " of a cube with " +
                                     std::to_string(waiting_.size()) + " links")
                                        .c_str());
+    return kRefused;
   }
   request.serial = nextSerial_++;
   request.generator = queues_[request.link];

@@ -55,7 +55,9 @@ class CubeHost : public sc_core::sc_module, private Bench::RequestSource, privat
   // Queues a request on link `request.link` (command, address and length
   // as the cube takes them; see docs/host.md). Any time, before or during
   // the run, from any process. Returns its number, kept in request.serial,
-  // counting from 0.
+  // counting from 0; a request on a link the cube lacks is an SC_ERROR and,
+  // if the report handler returns, is dropped, with kRefused.
+  static constexpr uint64_t kRefused = ~uint64_t{0};
   uint64_t Send(Request request);
   uint64_t Read(unsigned link, uint64_t address, unsigned length);
   uint64_t Write(unsigned link, uint64_t address, unsigned length, bool posted = false);
