@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "apps/zelsim/generator.h"
+#include "host/generator.h"
 #include "fuzz/fuzz_support.h"
 
 using namespace Sornak::Internal::ZEL2;

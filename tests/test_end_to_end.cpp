@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "apps/zelsim/bench.h"
-#include "apps/zelsim/generator.h"
-#include "apps/zelsim/host.h"
+#include "host/generator.h"
+#include "host/legal_host.h"
 #include "apps/zelsim/rest_state.h"
 #include "test_support.h"
 #include "zel2/2in1Wrapper.h"

@@ -16,11 +16,11 @@
 #include <vector>
 
 #include "apps/zelsim/bench.h"
-#include "apps/zelsim/generator.h"
-#include "apps/zelsim/host.h"
+#include "host/generator.h"
+#include "host/legal_host.h"
 #include "apps/zelsim/options.h"
 #include "apps/zelsim/results.h"
-#include "apps/zelsim/timeline.h"
+#include "host/timeline.h"
 #include "test_support.h"
 
 using namespace Sornak::Internal::ZEL2;

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "apps/zelsim/latency.h"
+#include "host/latency.h"
 #include "test_support.h"
 
 using nlohmann::json;

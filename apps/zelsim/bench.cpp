@@ -19,7 +19,7 @@
 
 #include "apps/zelsim/link_trace.h"
 #include "apps/zelsim/progress.h"
-#include "apps/zelsim/timeline.h"
+#include "host/timeline.h"
 #include "zel2/2in1Wrapper.h"
 #include "zel2/zel2_cube.h"
 #include "zel2/zel2_utils.h"
@@ -713,6 +713,7 @@ int RunZelsim(int argc, const char* const* argv, RunResults* resultsOut, RestRep
   if (options.cubeSize >= 0) planned.NUM_PARTITIONS = 2u << options.cubeSize;
 
   HostSetup setup;
+  setup.messagePrefix = "zelsim";
   setup.cubeSize = options.cubeSize;
   if (options.linkRate != 0 || options.lanes != 0) {
     setup.linkRate = options.linkRate != 0 ? options.linkRate : LinkRateOfSpeed(planned.LINK_SPEED);

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "apps/zelsim/generator.h"
-#include "apps/zelsim/host.h"
+#include "host/generator.h"
+#include "host/legal_host.h"
 #include "apps/zelsim/options.h"
 #include "apps/zelsim/rest_state.h"
 #include "apps/zelsim/results.h"

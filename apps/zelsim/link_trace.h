@@ -12,7 +12,7 @@
 #include <systemc>
 #include <vector>
 
-#include "apps/zelsim/host.h"
+#include "host/legal_host.h"
 #include "zel2/zel2_flit.h"
 
 namespace Sornak {

@@ -12,7 +12,7 @@
 #include <string>
 #include <systemc>
 
-#include "apps/zelsim/host.h"
+#include "host/legal_host.h"
 
 namespace Sornak {
 namespace Internal {

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "apps/zelsim/host.h"
+#include "host/legal_host.h"
 #include "zel2/2in1Wrapper.h"
 #include "zel2/Config.h"
 

@@ -4,13 +4,13 @@
 // to the last response flit taken, so that a run's warm-up and drain at
 // either end of SIM_TIME, or a cube idle after its last response, don't
 // dilute the figures.
-#ifndef ZELSIM_BANDWIDTH_H
-#define ZELSIM_BANDWIDTH_H
+#ifndef ZELSIM_HOST_BANDWIDTH_H
+#define ZELSIM_HOST_BANDWIDTH_H
 
 #include <cstdint>
 #include <vector>
 
-#include "apps/zelsim/results.h"
+#include "host/results.h"
 
 namespace Sornak {
 namespace Internal {
@@ -48,4 +48,4 @@ LinkRates RatesOf(const LinkResults& link, double trafficNs, double capacityFlit
 }  // namespace Internal
 }  // namespace Sornak
 
-#endif  // ZELSIM_BANDWIDTH_H
+#endif  // ZELSIM_HOST_BANDWIDTH_H

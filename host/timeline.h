@@ -11,14 +11,14 @@
 // one at its end. Completions count as in the summary: bytes read when a
 // read completes, bytes written when a write is issued, so that the rows add
 // up to the run's totals.
-#ifndef ZELSIM_TIMELINE_H
-#define ZELSIM_TIMELINE_H
+#ifndef ZELSIM_HOST_TIMELINE_H
+#define ZELSIM_HOST_TIMELINE_H
 
 #include <cstdint>
 #include <ostream>
 #include <vector>
 
-#include "apps/zelsim/host.h"
+#include "host/legal_host.h"
 
 namespace Sornak {
 namespace Internal {
@@ -67,4 +67,4 @@ class Timeline : public HostObserver {
 }  // namespace Internal
 }  // namespace Sornak
 
-#endif  // ZELSIM_TIMELINE_H
+#endif  // ZELSIM_HOST_TIMELINE_H

@@ -5,8 +5,8 @@
 // run, and still gives percentiles close enough for any plot or comparison:
 // a percentile is the middle of its bucket, within kRelativeError of the
 // exact value. Latencies are whole picoseconds, the kernel's resolution.
-#ifndef ZELSIM_LATENCY_H
-#define ZELSIM_LATENCY_H
+#ifndef ZELSIM_HOST_LATENCY_H
+#define ZELSIM_HOST_LATENCY_H
 
 #include <cstdint>
 #include <vector>
@@ -80,4 +80,4 @@ uint64_t ExactPercentilePs(std::vector<uint64_t>& latencies, unsigned perMille);
 }  // namespace Internal
 }  // namespace Sornak
 
-#endif  // ZELSIM_LATENCY_H
+#endif  // ZELSIM_HOST_LATENCY_H

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "apps/zelsim/host.h"
+#include "host/legal_host.h"
 
 #include <algorithm>
 #include <cmath>
@@ -108,7 +108,7 @@ uint64_t LegalHost::RequestsOutstanding() const {
   return count;
 }
 
-void LegalHost::CollectResults(RunResults& results) const {
+void LegalHost::CollectResults(HostResults& results) const {
   results.links.clear();
   for (const HostLink& link : links) {
     LinkResults r = link.stats;
@@ -419,7 +419,7 @@ void LegalHost::Mismatch(HostLink& link, const std::string& what, const Flit* fl
   std::ostringstream message;
   message << sc_time_stamp() << ": link " << link.number << ": " << what << ": " << *flit;
   mismatchMessages.push_back(message.str());
-  std::cout << "zelsim: " << message.str() << std::endl;
+  std::cout << setup.messagePrefix << ": " << message.str() << std::endl;
 }
 
 }  // namespace Bench

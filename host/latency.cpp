@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "apps/zelsim/latency.h"
+#include "host/latency.h"
 
 #include <algorithm>
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "apps/zelsim/timeline.h"
+#include "host/timeline.h"
 
 #include <cstdio>
 #include <string>
 
-#include "apps/zelsim/bandwidth.h"
-#include "apps/zelsim/latency.h"
+#include "host/bandwidth.h"
+#include "host/latency.h"
 
 namespace Sornak {
 namespace Internal {

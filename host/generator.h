@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Request generation for the zelsim test bench: the request record, the
+// Request generation of the host library: the request record, the
 // generator's random source, the traffic settings drawn from the carried
 // keys, the host-side link mapping, and trace replay. Nothing here needs the
 // simulation kernel.
-#ifndef ZELSIM_GENERATOR_H
-#define ZELSIM_GENERATOR_H
+#ifndef ZELSIM_HOST_GENERATOR_H
+#define ZELSIM_HOST_GENERATOR_H
 
 #include <cstdint>
 #include <string>
@@ -157,4 +157,4 @@ class RequestGenerator {
 }  // namespace Internal
 }  // namespace Sornak
 
-#endif  // ZELSIM_GENERATOR_H
+#endif  // ZELSIM_HOST_GENERATOR_H

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "apps/zelsim/generator.h"
+#include "host/generator.h"
 
 #include <cerrno>
 #include <cstdlib>

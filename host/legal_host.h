@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// A host that keeps the link protocol of the cube in both directions, for
-// the zelsim test bench and for tests. It drives all links of a
+// The host library's engine: a host that keeps the link protocol of the
+// cube in both directions. It drives all links of a
 // Cube2in1Wrapper: it sends request packets from per-generator queues, spends
 // one request token per flit and never more than the cube has granted, sends
 // at most the link's flits per core cycle, hands response tokens back on
 // request tails or in TOKEN_RETURN flits, matches every response to its
 // request by tag, and deletes response flits once it has taken them.
-#ifndef ZELSIM_HOST_H
-#define ZELSIM_HOST_H
+#ifndef ZELSIM_HOST_LEGAL_HOST_H
+#define ZELSIM_HOST_LEGAL_HOST_H
 
 #include <cstdint>
 #include <deque>
@@ -16,8 +16,8 @@
 #include <systemc>
 #include <vector>
 
-#include "apps/zelsim/generator.h"
-#include "apps/zelsim/results.h"
+#include "host/generator.h"
+#include "host/results.h"
 #include "zel2/2in1Wrapper.h"
 #include "zel2/Config.h"
 #include "zel2/zel2_flit.h"
@@ -29,8 +29,8 @@ namespace Bench {
 
 class LegalHost;
 
-// Whatever feeds the host's request queues: the generators of zelsim, or a
-// fixed list in a test.
+// Whatever feeds the host's request queues: the request generators, a
+// trace, the TLM target, or a fixed list in a test.
 class RequestSource {
  public:
   virtual ~RequestSource() = default;
@@ -77,8 +77,10 @@ struct HostSetup {
   unsigned hostTokens = 0;            // setHostTokens value; else the configuration's BFM_TOKENS_PER_LINK
   bool stopWhenDrained = true;        // sc_stop once the source is exhausted and all traffic is back
   unsigned maxMismatchMessages = 10;  // mismatches printed and kept word for word
+  std::string messagePrefix = "host";  // starts each printed mismatch: "host: ..."
   // Instead of stopping, sc_pause once each time the host becomes drained,
-  // so that the caller can resume with another phase (--check-rest).
+  // so that the caller can resume with another phase (a check of the cube at
+  // rest, say).
   bool pauseWhenDrained = false;
   // With traffic outstanding and no flit sent or received for this long,
   // the host takes the cube as deadlocked, sets `deadlocked` and stops the
@@ -189,7 +191,7 @@ class LegalHost : public sc_core::sc_module {
   // Requests queued, being sent or waiting for their response.
   uint64_t RequestsOutstanding() const;
   // The host's counts, per link and per queue, and the traffic's time.
-  void CollectResults(RunResults& results) const;
+  void CollectResults(HostResults& results) const;
   // Requests completed on all links so far.
   uint64_t Completed() const;
 
@@ -218,4 +220,4 @@ class LegalHost : public sc_core::sc_module {
 }  // namespace Internal
 }  // namespace Sornak
 
-#endif  // ZELSIM_HOST_H
+#endif  // ZELSIM_HOST_LEGAL_HOST_H

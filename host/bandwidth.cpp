@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "apps/zelsim/bandwidth.h"
+#include "host/bandwidth.h"
 
 namespace Sornak {
 namespace Internal {
