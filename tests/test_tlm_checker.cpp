@@ -112,7 +112,8 @@ const std::vector<Row>& Rows() {
       // A broken initiator.
       {"BEGIN_REQ while another request is in its request phase", [](Hop& h) { h.F(0, BEGIN_REQ); h.F(1, BEGIN_REQ); }},
       {"END_RESP before BEGIN_RESP", [](Hop& h) { h.F(0, BEGIN_REQ); h.F(0, END_RESP); }},
-      {"BEGIN_REQ with a response status other than TLM_INCOMPLETE_RESPONSE", [](Hop& h) { h.Ok(0); h.F(0, BEGIN_REQ); }},
+      {"BEGIN_REQ with a response status other than TLM_INCOMPLETE_RESPONSE",
+       [](Hop& h) { h.Ok(0); h.F(0, BEGIN_REQ); }},
       {"b_transport on a transaction under way through nb_transport", [](Hop& h) { h.F(0, BEGIN_REQ); h.Blocking(0); }},
       {"END_REQ sent forward; an initiator sends only BEGIN_REQ and END_RESP",
        [](Hop& h) { h.F(0, BEGIN_REQ); h.F(0, END_REQ); }},
@@ -121,7 +122,10 @@ const std::vector<Row>& Rows() {
       {"BEGIN_RESP while another response is in its response phase",
        [](Hop& h) { h.F(0, BEGIN_REQ); h.Ok(0); h.B(0, BEGIN_RESP); h.F(1, BEGIN_REQ); h.Ok(1); h.B(1, BEGIN_RESP); }},
       {"TLM_UPDATED that leaves the phase at BEGIN_REQ",
-       [](Hop& h) { h.fw = [](tlm_generic_payload&, tlm_phase&, sc_time&) { return TLM_UPDATED; }; h.F(0, BEGIN_REQ); }},
+       [](Hop& h) {
+         h.fw = [](tlm_generic_payload&, tlm_phase&, sc_time&) { return TLM_UPDATED; };
+         h.F(0, BEGIN_REQ);
+       }},
       {"TLM_ACCEPTED with the phase changed from BEGIN_REQ to END_REQ",
        [](Hop& h) {
          h.fw = [](tlm_generic_payload&, tlm_phase& phase, sc_time&) {

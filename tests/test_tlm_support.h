@@ -10,10 +10,10 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <stdexcept>
 #include <map>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -65,7 +65,6 @@ inline JobPtr MakeJob(tlm::tlm_command command, uint64_t address, unsigned lengt
   job->payload.set_data_ptr(job->data.data());
   job->payload.set_data_length(length);
   job->payload.set_streaming_width(length);
-  job->payload.set_response_status(tlm::TLM_INCOMPLETE_RESPONSE);
   return job;
 }
 inline JobPtr Read(uint64_t address, unsigned length) { return MakeJob(tlm::TLM_READ_COMMAND, address, length); }
@@ -128,7 +127,9 @@ enum class Style { Blocking, NonBlocking };
 // later; BEGIN_RESP is ended as `endResponse` says.
 class JobInitiator : public sc_core::sc_module, public tlm::tlm_bw_transport_if<> {
  public:
-  enum class EndResponse { Completed, Updated, Later };  // Later: END_RESP `hold` after BEGIN_RESP
+  // Later: END_RESP takes effect `hold` after BEGIN_RESP, called at half
+  // that time with the other half annotated.
+  enum class EndResponse { Completed, Updated, Later };
 
   tlm::tlm_initiator_socket<32> socket;
   Style style;
@@ -170,7 +171,7 @@ class JobInitiator : public sc_core::sc_module, public tlm::tlm_bw_transport_if<
       return tlm::TLM_UPDATED;
     }
     pendingEnd_ = &payload;  // the target has one response under way per initiator
-    endNow_.notify(hold);
+    endNow_.notify(hold / 2);
     return tlm::TLM_ACCEPTED;
   }
   void invalidate_direct_mem_ptr(sc_dt::uint64, sc_dt::uint64) override {}
@@ -236,7 +237,7 @@ class JobInitiator : public sc_core::sc_module, public tlm::tlm_bw_transport_if<
     for (;;) {
       wait(endNow_);
       tlm::tlm_phase phase = tlm::END_RESP;
-      sc_time delay = sc_core::SC_ZERO_TIME;
+      sc_time delay = hold / 2;
       socket->nb_transport_fw(*pendingEnd_, phase, delay);
     }
   }

@@ -67,8 +67,9 @@ TEST(TlmTarget, ReadsReturnWhatWasWrittenInBothStyles) {
   p.Run();
   for (unsigned i = 0; i < 2; ++i) {
     EXPECT_EQ(p[i].Unexpected(), 0u) << i;
+    const std::size_t first = p[i].jobs.size() - checks.size();
     for (std::size_t k = 0; k < checks.size(); ++k)
-      EXPECT_EQ(p[i].jobs[p[i].jobs.size() - checks.size() + k]->data, checks[k].expected) << checks[k].what << ", " << i;
+      EXPECT_EQ(p[i].jobs[first + k]->data, checks[k].expected) << checks[k].what << ", " << i;
   }
   const sc_time before = sc_core::sc_time_stamp();
   const uint64_t packets = p.target->Counts().packets;
