@@ -2,21 +2,26 @@
 // A small TLM platform for the target's tests: a cube, its target, and
 // initiators that each reach the target through a protocol checker. An
 // initiator plays a list of jobs, in either coding style, and notes when
-// each phase of each job happened.
+// each phase of each job happened; the engine's log notes the flits.
 #ifndef ZELSIM_TEST_TLM_SUPPORT_H
 #define ZELSIM_TEST_TLM_SUPPORT_H
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
-#include <deque>
+#include <map>
 #include <memory>
+#include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <systemc>
 #include <tlm>
 
+#include "apps/zelsim/bench.h"
+#include "host/generator.h"
 #include "host/protocol_checker.h"
 #include "host/tlm_target.h"
 #include "test_support.h"
@@ -24,30 +29,32 @@
 
 namespace zelsim_test {
 
-using ::Cube2in1Wrapper;
-using Sornak::Internal::ZEL2::ZELCommand;
-using Sornak::Internal::ZEL2::zel2_atomics_extension;
-using Sornak::Internal::ZEL2::Host::BaseProtocolChecker;
-using Sornak::Internal::ZEL2::Host::CubeTarget;
-using Sornak::Internal::ZEL2::Host::PostedWriteExtension;
-using Sornak::Internal::ZEL2::Host::TargetOptions;
+using namespace Sornak::Internal::ZEL2;
+using Host::BaseProtocolChecker;
+using Host::CubeTarget;
+using Host::LinkMapping;
+using Host::PartialAccess;
+using Host::PostedWriteExtension;
+using Host::TargetOptions;
+using sc_core::sc_time;
 
-// One transaction of a test and what became of it.
+// One transaction of a test and what became of it, in absolute times.
 struct Job {
   tlm::tlm_generic_payload payload;
-  std::vector<unsigned char> data;
-  std::vector<unsigned char> enables;
-  sc_core::sc_time issueAt;  // absolute: not sent before
-  sc_core::sc_time delay;    // annotated on the call
-  // What happened, in absolute times.
-  sc_core::sc_time sentAt;         // the call (b_transport or BEGIN_REQ)
-  sc_core::sc_time endRequestAt;   // END_REQ (nb)
-  sc_core::sc_time doneAt;         // b_transport's return, or BEGIN_RESP
-  sc_core::sc_time returnedDelay;  // b_transport's delay on return
-  int responses = 0;               // times it was answered
+  std::vector<unsigned char> data, enables;
+  sc_time issueAt, delay;  // not sent before; annotated on the call
+  sc_time sentAt, endRequestAt, doneAt, returnedDelay;  // doneAt: b_transport's return or BEGIN_RESP
+  int responses = 0;
   tlm::tlm_response_status status = tlm::TLM_INCOMPLETE_RESPONSE;
-};
 
+  // Byte enables, repeated over the payload.
+  void Enable(const std::vector<unsigned char>& bytes) {
+    enables = bytes;
+    payload.set_byte_enable_ptr(enables.data());
+    payload.set_byte_enable_length(static_cast<unsigned>(enables.size()));
+  }
+  void Set(const std::vector<unsigned char>& bytes) { std::copy(bytes.begin(), bytes.end(), data.begin()); }
+};
 using JobPtr = std::unique_ptr<Job>;
 
 inline JobPtr MakeJob(tlm::tlm_command command, uint64_t address, unsigned length, unsigned char fill = 0) {
@@ -58,9 +65,6 @@ inline JobPtr MakeJob(tlm::tlm_command command, uint64_t address, unsigned lengt
   job->payload.set_data_ptr(job->data.data());
   job->payload.set_data_length(length);
   job->payload.set_streaming_width(length);
-  job->payload.set_byte_enable_ptr(nullptr);
-  job->payload.set_dmi_allowed(false);
-  job->payload.set_response_status(tlm::TLM_INCOMPLETE_RESPONSE);
   return job;
 }
 inline JobPtr Read(uint64_t address, unsigned length) { return MakeJob(tlm::TLM_READ_COMMAND, address, length); }
@@ -74,56 +78,86 @@ inline JobPtr PostedWrite(uint64_t address, unsigned length, unsigned char fill)
 }
 inline JobPtr Atomic(ZELCommand command, uint64_t address, const std::vector<unsigned char>& operand) {
   JobPtr job = MakeJob(tlm::TLM_WRITE_COMMAND, address, static_cast<unsigned>(operand.size()));
-  job->data = operand;
-  job->payload.set_data_ptr(job->data.data());
+  job->Set(operand);
   job->payload.set_extension(new zel2_atomics_extension(command));
   return job;
 }
 
+// 16 bytes: two little-endian words.
+inline std::vector<unsigned char> Words(uint64_t low, uint64_t high) {
+  std::vector<unsigned char> bytes(16);
+  for (int i = 0; i < 8; ++i) {
+    bytes[i] = static_cast<unsigned char>(low >> (8 * i));
+    bytes[8 + i] = static_cast<unsigned char>(high >> (8 * i));
+  }
+  return bytes;
+}
+
+// The engine's view, by packet address: when each packet was issued, when
+// its last flit went out, when its response came in.
+struct EngineLog : Bench::HostObserver {
+  std::multiset<std::pair<uint64_t, unsigned>> packets;  // address, length
+  std::map<uint64_t, sc_time> issuedAt, lastFlitAt, answeredAt;
+
+  void RequestIssued(unsigned, const Bench::Request& request) override {
+    packets.insert({request.address, request.length});
+    issuedAt[request.address] = sc_core::sc_time_stamp();
+  }
+  void FlitSent(unsigned, const Flit& flit) override {
+    if (flit.command != TOKEN_RETURN && flit.tail) lastFlitAt[flit.address] = sc_core::sc_time_stamp();
+  }
+  void RequestAnswered(unsigned, const Bench::Request& request, bool, const sc_time&) override {
+    answeredAt[request.address] = sc_core::sc_time_stamp();
+  }
+  // The latest time in `times` of the 128-byte packets of `job`.
+  static sc_time Last(const std::map<uint64_t, sc_time>& times, const Job& job) {
+    sc_time last;
+    const uint64_t a = job.payload.get_address();
+    for (uint64_t p = a; p < a + job.payload.get_data_length(); p += 128) last = std::max(last, times.at(p));
+    return last;
+  }
+};
+
 enum class Style { Blocking, NonBlocking };
 
-// Plays its jobs in order. Blocking: each job's b_transport runs in a thread
-// of its own, started at its issue time, so that many can be under way.
-// Non-blocking: BEGIN_REQ at the issue time or after the previous END_REQ,
-// whichever is later; BEGIN_RESP is answered by `endResponse`.
+// Plays its jobs in order, issuing on the cube's clock edges so that it adds
+// no timed event of its own to the kernel. Blocking: each job's b_transport
+// runs in a thread of its own, a delta after the previous one. Non-blocking:
+// BEGIN_REQ at the issue time or after the previous END_REQ, whichever is
+// later; BEGIN_RESP is ended as `endResponse` says.
 class JobInitiator : public sc_core::sc_module, public tlm::tlm_bw_transport_if<> {
  public:
-  // How the initiator ends a response phase.
+  // Later: END_RESP takes effect `hold` after BEGIN_RESP, called at half
+  // that time with the other half annotated.
   enum class EndResponse { Completed, Updated, Later };
 
   tlm::tlm_initiator_socket<32> socket;
   Style style;
   std::vector<JobPtr> jobs;
   EndResponse endResponse = EndResponse::Completed;
-  sc_core::sc_time endResponseDelay;  // with Later: END_RESP this long after BEGIN_RESP
-  unsigned inFlight = 0;
-  unsigned mostInFlight = 0;
-  bool done = false;  // every job answered
-  // When set, the initiator issues on this clock's rising edges instead of
-  // waiting for times of its own, so that it adds no timed event to the
-  // kernel; the cube's order of processes within a time step then stays as
-  // it is without the initiator.
-  const sc_core::sc_signal<bool>* clock = nullptr;
-  // When set, counts the initiators still playing; the last to finish stops
-  // the kernel.
-  unsigned* playing = nullptr;
+  sc_time hold;
+  unsigned inFlight = 0, mostInFlight = 0;
+  bool done = false;
 
   SC_HAS_PROCESS(JobInitiator);
-  JobInitiator(sc_core::sc_module_name name, Style style) : sc_module(name), socket("socket"), style(style) {
+  // `playing` counts the initiators still playing; the last to finish stops the kernel.
+  JobInitiator(sc_core::sc_module_name name, Style style, const sc_core::sc_signal<bool>& clock, unsigned& playing)
+      : sc_module(name), socket("socket"), style(style), clock_(clock), playing_(playing) {
     socket.bind(*this);
     SC_THREAD(Run);
     SC_THREAD(EndResponses);
   }
 
-  void Add(JobPtr job, sc_core::sc_time issueAt = sc_core::SC_ZERO_TIME) {
+  Job& Add(JobPtr job, sc_time issueAt = sc_core::SC_ZERO_TIME) {
     job->issueAt = issueAt;
     jobs.push_back(std::move(job));
+    return *jobs.back();
   }
 
   tlm::tlm_sync_enum nb_transport_bw(tlm::tlm_generic_payload& payload, tlm::tlm_phase& phase,
-                                     sc_core::sc_time& delay) override {
+                                     sc_time& delay) override {
     Job& job = Find(payload);
-    const sc_core::sc_time now = sc_core::sc_time_stamp() + delay;
+    const sc_time now = sc_core::sc_time_stamp() + delay;
     if (phase == tlm::END_REQ) {
       job.endRequestAt = now;
       requestEnded_.notify(delay);
@@ -131,103 +165,96 @@ class JobInitiator : public sc_core::sc_module, public tlm::tlm_bw_transport_if<
     }
     EXPECT_EQ(phase, tlm::BEGIN_RESP);
     Answer(job, now);
-    switch (endResponse) {
-      case EndResponse::Completed:
-        return tlm::TLM_COMPLETED;
-      case EndResponse::Updated:
-        phase = tlm::END_RESP;
-        return tlm::TLM_UPDATED;
-      case EndResponse::Later:
-        pendingEnds_.push_back(&payload);
-        endNow_.notify(endResponseDelay);
-        return tlm::TLM_ACCEPTED;
+    if (endResponse == EndResponse::Completed) return tlm::TLM_COMPLETED;
+    if (endResponse == EndResponse::Updated) {
+      phase = tlm::END_RESP;
+      return tlm::TLM_UPDATED;
     }
+    pendingEnd_ = &payload;  // the target has one response under way per initiator
+    endNow_.notify(hold / 2);
     return tlm::TLM_ACCEPTED;
   }
   void invalidate_direct_mem_ptr(sc_dt::uint64, sc_dt::uint64) override {}
 
-  // Jobs whose response status is not `expected`.
+  // Jobs not answered exactly once with `expected`.
   unsigned Unexpected(tlm::tlm_response_status expected = tlm::TLM_OK_RESPONSE) const {
     unsigned count = 0;
     for (const JobPtr& job : jobs) count += job->status != expected || job->responses != 1;
     return count;
   }
+  // Debug transport of `bytes` at `address`; returns the bytes moved.
+  unsigned Debug(tlm::tlm_command command, uint64_t address, std::vector<unsigned char>& bytes) {
+    tlm::tlm_generic_payload p;
+    p.set_command(command);
+    p.set_address(address);
+    p.set_data_ptr(bytes.data());
+    p.set_data_length(static_cast<unsigned>(bytes.size()));
+    return socket->transport_dbg(p);
+  }
 
  private:
   Job& Find(const tlm::tlm_generic_payload& payload) {
-    for (JobPtr& job : jobs) {
+    for (JobPtr& job : jobs)
       if (&job->payload == &payload) return *job;
-    }
-    ADD_FAILURE() << "a response for a payload nobody sent";
-    return *jobs.front();
+    throw std::logic_error("a response for a payload nobody sent");
   }
-  void Answer(Job& job, const sc_core::sc_time& at) {
+  void Answer(Job& job, const sc_time& at) {
     job.doneAt = at;
     job.status = job.payload.get_response_status();
     ++job.responses;
     --inFlight;
     if (++answered_ == jobs.size()) {
       done = true;
-      if (playing != nullptr && --*playing == 0) sc_core::sc_stop();
+      if (--playing_ == 0) sc_core::sc_stop();
     }
-  }
-  void Blocking(Job* job) {
-    job->sentAt = sc_core::sc_time_stamp();
-    sc_core::sc_time delay = job->delay;
-    socket->b_transport(job->payload, delay);
-    job->returnedDelay = delay;
-    Answer(*job, sc_core::sc_time_stamp() + delay);
   }
   void Run() {
     for (JobPtr& job : jobs) {
-      while (clock != nullptr && sc_core::sc_time_stamp() < job->issueAt) wait(clock->posedge_event());
-      if (sc_core::sc_time_stamp() < job->issueAt) wait(job->issueAt - sc_core::sc_time_stamp());
+      while (sc_core::sc_time_stamp() < job->issueAt) wait(clock_.posedge_event());
       mostInFlight = std::max(mostInFlight, ++inFlight);
       if (style == Style::Blocking) {
         Job* j = job.get();
-        sc_core::sc_spawn([this, j] { Blocking(j); });
-        // The next one starts a delta later, so that they reach the target in order.
-        wait(sc_core::SC_ZERO_TIME);
+        sc_core::sc_spawn([this, j] {
+          j->sentAt = sc_core::sc_time_stamp();
+          j->returnedDelay = j->delay;
+          socket->b_transport(j->payload, j->returnedDelay);
+          Answer(*j, sc_core::sc_time_stamp() + j->returnedDelay);
+        });
+        wait(sc_core::SC_ZERO_TIME);  // so that they reach the target in order
         continue;
       }
       job->sentAt = sc_core::sc_time_stamp();
       tlm::tlm_phase phase = tlm::BEGIN_REQ;
-      sc_core::sc_time delay = job->delay;
-      const tlm::tlm_sync_enum reply = socket->nb_transport_fw(job->payload, phase, delay);
-      if (reply == tlm::TLM_COMPLETED) {
+      sc_time delay = job->delay;
+      if (socket->nb_transport_fw(job->payload, phase, delay) == tlm::TLM_COMPLETED) {
         Answer(*job, sc_core::sc_time_stamp() + delay);
-        continue;
+      } else {
+        wait(requestEnded_);
       }
-      wait(requestEnded_);
     }
   }
-  // END_RESPs the initiator owes; the target has at most one response
-  // under way per initiator.
   void EndResponses() {
     for (;;) {
       wait(endNow_);
-      SendEnds();
-    }
-  }
-  void SendEnds() {
-    while (!pendingEnds_.empty()) {
       tlm::tlm_phase phase = tlm::END_RESP;
-      sc_core::sc_time delay = sc_core::SC_ZERO_TIME;
-      socket->nb_transport_fw(*pendingEnds_.front(), phase, delay);
-      pendingEnds_.pop_front();
+      sc_time delay = hold / 2;
+      socket->nb_transport_fw(*pendingEnd_, phase, delay);
     }
   }
 
-  sc_core::sc_event requestEnded_;
-  sc_core::sc_event endNow_;
-  std::deque<tlm::tlm_generic_payload*> pendingEnds_;
+  const sc_core::sc_signal<bool>& clock_;
+  unsigned& playing_;
+  sc_core::sc_event requestEnded_, endNow_;
+  tlm::tlm_generic_payload* pendingEnd_ = nullptr;
   std::size_t answered_ = 0;
 };
 
-// A cube, its target, and `styles.size()` initiators, each through a checker.
+// A cube, its target with an engine log, and an initiator of each given
+// style, each through a checker.
 struct Platform {
   Cube2in1Wrapper* cube;
   CubeTarget* target;
+  EngineLog log;
   std::vector<BaseProtocolChecker<32>*> checkers;
   std::vector<JobInitiator*> initiators;
 
@@ -235,38 +262,23 @@ struct Platform {
     ClearModelEnvironment();
     cube = new Cube2in1Wrapper("cube");
     target = new CubeTarget("target", *cube, options);
+    target->Engine().observers.push_back(&log);
     for (std::size_t i = 0; i < styles.size(); ++i) {
       const std::string n = std::to_string(i);
-      initiators.push_back(new JobInitiator(("initiator" + n).c_str(), styles[i]));
+      initiators.push_back(new JobInitiator(("initiator" + n).c_str(), styles[i], cube->clkSignal, playing_));
       checkers.push_back(new BaseProtocolChecker<32>(("checker" + n).c_str()));
       initiators.back()->socket.bind(checkers.back()->in);
       checkers.back()->out.bind(target->socket);
     }
   }
-  // Runs until every initiator is done, or `limit` passes.
-  void Run(const sc_core::sc_time& limit = sc_core::sc_time(1, sc_core::SC_MS)) {
-    const sc_core::sc_time step(1, sc_core::SC_US);
-    while (sc_core::sc_time_stamp() < limit && !AllDone()) sc_core::sc_start(step);
-  }
-  // Issues on the cube's clock and runs until every initiator is done.
-  void RunClocked() {
-    playing_ = static_cast<unsigned>(initiators.size());
-    for (JobInitiator* initiator : initiators) {
-      initiator->clock = &cube->clkSignal;
-      initiator->playing = &playing_;
-    }
-    sc_core::sc_start();
-  }
-  bool AllDone() const {
-    for (const JobInitiator* initiator : initiators) {
-      if (!initiator->done && !initiator->jobs.empty()) return false;
-    }
-    return true;
-  }
-  uint64_t Violations() const {
-    uint64_t count = 0;
-    for (const auto* checker : checkers) count += checker->rules.Violations();
-    return count;
+  JobInitiator& operator[](std::size_t i) { return *initiators[i]; }
+  // Runs until every initiator is done, or `limit` passes; then expects all
+  // done and the checkers silent.
+  void Run(const sc_time& limit = sc_time(1, sc_core::SC_MS)) {
+    for (const JobInitiator* in : initiators) playing_ += !in->jobs.empty();
+    sc_core::sc_start(limit);
+    for (const JobInitiator* in : initiators) EXPECT_TRUE(in->done || in->jobs.empty()) << in->name();
+    for (const auto* checker : checkers) EXPECT_EQ(checker->rules.Violations(), 0u) << checker->name();
   }
 
  private:
