@@ -16,10 +16,10 @@
 #include <vector>
 
 #include "apps/zelsim/bench.h"
-#include "host/generator.h"
-#include "host/legal_host.h"
 #include "apps/zelsim/options.h"
 #include "apps/zelsim/results.h"
+#include "host/generator.h"
+#include "host/legal_host.h"
 #include "host/timeline.h"
 #include "test_support.h"
 
@@ -85,12 +85,13 @@ RunResults RunClean(const std::vector<std::string>& args, int status = kExitClea
 
 // ---- Configuration and command line --------------------------------------------
 
-TEST(ZelsimKeys, EveryKeyIsKnownAndItsValuesChecked) {
+// Every key is known; accepted values reach the library meaning what they
+// meant to zelsim; sources apply in their order after the environment's file;
+// the token variables reach the ends of their ranges (0: the cube's own count).
+TEST(ZelsimConfig, ValuesAndSourcesKeepTheirMeaningAndOrder) {
   const Config defaults;
   EXPECT_EQ(KeyTable().size(), defaults.keyCounts.size());
   for (const KeyInfo& key : KeyTable()) EXPECT_EQ(defaults.keyCounts.count(key.name), 1u) << key.name;
-
-  // Accepted values reach the library meaning what they meant to zelsim.
   std::ostringstream printed;
   ConfigWith({"CORE_CLK=1.6", "LINK_SPEED=12.5", "REFRESH_ENABLED=True", "DUMP_STATE=false", "NUM_ROWS=0100",
               "TAGS_PER_LINK=4294967295", "STATS_FILENAME=s.txt", "tRAS=0"})
@@ -100,63 +101,44 @@ TEST(ZelsimKeys, EveryKeyIsKnownAndItsValuesChecked) {
             "[*] [unsigned]: 'TAGS_PER_LINK'=4294967295\n[*] [sc_time]: 'CORE_CLK'=1600 ps\n"
             "[*] [float]: 'LINK_SPEED'=12.5\n[*] [bool]: 'REFRESH_ENABLED'=1\n"
             "[*] [unsigned]: 'NUM_ROWS'=100\n[*] [sc_time]: 'tRAS'=0 s\n");
-  // Refused values name the key.
-  for (const std::string assignment :
-       {"NUM_QUADS=12a", "NUM_QUADS=-1", "NUM_QUADS=4294967296", "NUM_QUADS=", "NUM_QUADS=0x10",
-        "CORE_CLK=1600 ps", "CORE_CLK=-1", "LINK_SPEED=fast", "REFRESH_ENABLED=TRUE", "REFRESH_ENABLED=1",
-        "STATS_FILENAME=my stats.txt", "STATS_FILENAME=a=b"}) {
-    const std::string key = assignment.substr(0, assignment.find('='));
-    std::string canonical;
-    std::string error;
-    EXPECT_FALSE(CheckValue(*FindKey(key), assignment.substr(key.size() + 1), canonical, error))
-        << assignment;
-    EXPECT_NE(error.find(key), std::string::npos) << error;
-  }
-}
 
-TEST(ZelsimKeys, SourcesApplyInOrderAndTokenVariablesReachTheirLimits) {
   zelsim_test::TempDir dir;
   const std::string envFile = dir.Write("env.ini", "NUM_REQUESTS = 10\nNUM_GENERATORS = 3\nSIM_TIME = 500\n");
   const std::string file = dir.Write("cfg.ini",
                                      "; a comment\n\n  NUM_GENERATORS = 5 ; trailing comment\r\n"
                                      "ALIGNED_32B=false\r\nNUM_REQUESTS = 20\nNUM_GENERATORS = 2\n");
   setenv("LIBZEL_CONFIG_FILE", envFile.c_str(), 1);
+  setenv("LIBZEL_NUM_TOKENS", "289", 1);
+  setenv("ZEL_BFM_NUM_TOKENS", "0", 1);
   Options options;
   options.sources = {{false, "NUM_GENERATORS=1"}, {true, file}, {false, "NUM_REQUESTS=30"}};
   ConfigOverlay overlay;
   std::string error;
-  ASSERT_TRUE(ResolveConfiguration(options, overlay, error)) << error;
-  unsetenv("LIBZEL_CONFIG_FILE");
+  EXPECT_TRUE(ResolveConfiguration(options, overlay, error)) << error;
+  EXPECT_TRUE(CheckTokenVariables(error)) << error;
+  zelsim_test::ClearModelEnvironment();
   EXPECT_EQ(overlay["SIM_TIME"].value, "500");
   EXPECT_EQ(overlay["SIM_TIME"].origin, Origin::EnvironmentFile);
   EXPECT_EQ(overlay["NUM_GENERATORS"].value, "2");   // the file's last line, after the --set
   EXPECT_EQ(overlay["ALIGNED_32B"].value, "false");  // no DOS line end in the value
   EXPECT_EQ(overlay["NUM_REQUESTS"].value, "30");
   EXPECT_EQ(overlay["NUM_REQUESTS"].origin, Origin::SetOption);
-
-  // The token variables at the ends of their ranges (0: the cube's own count).
-  setenv("LIBZEL_NUM_TOKENS", "289", 1);
-  setenv("ZEL_BFM_NUM_TOKENS", "0", 1);
-  EXPECT_TRUE(CheckTokenVariables(error)) << error;
-  unsetenv("LIBZEL_NUM_TOKENS");
-  unsetenv("ZEL_BFM_NUM_TOKENS");
 }
 
-TEST(ZelsimCommandLine, HelpAndVersionEndAtOnce) {
+// --help and --version end at once, before any check. Repeated options:
+// --config and --set keep their order among each other, the last of a
+// single-valued option wins, and corrections come in their listed order,
+// each once.
+TEST(ZelsimCommandLine, HelpVersionAndRepeatedOptions) {
   std::string out;
-  EXPECT_EQ(RunBench({"--set", "NUM_QUADS=2", "--help"}, nullptr, &out), kExitClean);  // before any check
+  EXPECT_EQ(RunBench({"--set", "NUM_QUADS=2", "--help"}, nullptr, &out), kExitClean);
   EXPECT_NE(out.find("\nUsage: zelsim [OPTIONS]\n"), std::string::npos) << out;
   EXPECT_NE(out.find("\n  --timeline FILE "), std::string::npos) << out;
   EXPECT_EQ(out.find("--no-config-guards"), std::string::npos);  // for tests only
   EXPECT_EQ(RunBench({"--version"}, nullptr, &out), kExitClean);
   EXPECT_EQ(out.rfind("zelsim ", 0), 0u) << out;
   EXPECT_EQ(out.find('\n'), out.size() - 1);
-}
 
-// Repeated options: --config and --set keep their order among each other,
-// the last of a single-valued option wins, and corrections are recorded in
-// their listed order, each once.
-TEST(ZelsimCommandLine, RepeatedOptionsKeepTheirMeaning) {
   const char* argv[] = {"zelsim",     "--set",          "A=1",
                         "--config",   "f.ini",          "--set=B=2",
                         "--correct",  "bank-ownership", "--correct=all",
@@ -175,13 +157,6 @@ TEST(ZelsimCommandLine, RepeatedOptionsKeepTheirMeaning) {
   EXPECT_EQ(options.progress, ProgressMode::Off);
   EXPECT_EQ(options.seed, 6u);
   EXPECT_FALSE(options.configGuards);
-
-  const char* one[] = {"zelsim", "--correct", "bank-ownership", "--correct", "bank-ownership"};
-  Options single;
-  ASSERT_EQ(ParseCommandLine(5, one, single, error), ParseStatus::Run) << error;
-  EXPECT_EQ(single.corrections, std::vector<std::string>{"bank-ownership"});
-  EXPECT_EQ(single.progress, ProgressMode::Auto);
-  EXPECT_TRUE(single.configGuards);
 }
 
 // Bad input, values the bench can't run with, and configurations the cube
@@ -190,11 +165,12 @@ TEST(ZelsimCommandLine, RepeatedOptionsKeepTheirMeaning) {
 TEST(ZelsimCommandLine, BadInputStopsWithStatus2AndOneLine) {
   zelsim_test::TempDir dir;
   const std::string badFile = dir.Write("bad.ini", "NUM_QUADS = 4\nCORE_CLK = 1600 ps\n");
-  const struct {
+  struct Case {
     std::vector<std::string> args;
     std::vector<std::string> words;
     std::pair<const char*, std::string> variable = {};  // set for the run
-  } cases[] = {
+  };
+  const Case cases[] = {
       {{"--set", "NUM_QUAD=2"}, {"zelsim: --set NUM_QUAD=2: unknown key 'NUM_QUAD'\n"}},
       {{"--set", "NUM_REQUESTS"}, {"KEY=VALUE"}},
       {{"--set", "CORE_CLK=1e30"}, {"CORE_CLK", "up to 10^12"}},
@@ -258,7 +234,26 @@ TEST(ZelsimCommandLine, BadInputStopsWithStatus2AndOneLine) {
        {"BFM_TOKENS_PER_LINK", "ZEL_BFM_NUM_TOKENS", "9 flits"},
        {"ZEL_BFM_NUM_TOKENS", "8"}},
   };
-  for (const auto& c : cases) {
+  std::vector<Case> all(std::begin(cases), std::end(cases));
+  // Values of the wrong form for their key's type.
+  for (const std::string set :
+       {"NUM_QUADS=12a", "NUM_QUADS=-1", "NUM_QUADS=4294967296", "NUM_QUADS=", "NUM_QUADS=0x10",
+        "CORE_CLK=1600 ps", "CORE_CLK=-1", "LINK_SPEED=fast", "REFRESH_ENABLED=TRUE", "REFRESH_ENABLED=1",
+        "STATS_FILENAME=my stats.txt", "STATS_FILENAME=a=b"})
+    all.push_back({{"--set", set}, {"--set " + set + ": bad value", set.substr(0, set.find('='))}});
+  // Trace lines that can't be parsed, named by file and line.
+  for (const auto& [text, words] : std::initializer_list<std::pair<const char*, const char*>>{
+           {"0 RD 0x10\n", "line 1"},
+           {"0 RD 0x10 24\n", "size"},
+           {"0 XOR 0x10 16\n", "unknown command"},
+           {"0 ADD16 0x10 32\n", "16"},
+           {"x RD 0 16\n", "cycle"},
+           {"0 RD 0xg 16\n", "address"},
+           {"5 RD 0 16\n4 RD 0 16\n", "line 2: cycles must not decrease"}}) {
+    const std::string name = "t" + std::to_string(all.size()) + ".trace";
+    all.push_back({Args({}, {"USE_TRACE=true", "TRACE_FILENAME_0=" + dir.Write(name, text)}), {name, words}});
+  }
+  for (const Case& c : all) {
     SCOPED_TRACE(c.words.front());
     if (c.variable.first != nullptr) setenv(c.variable.first, c.variable.second.c_str(), 1);
     std::string err;
@@ -300,17 +295,9 @@ TEST(ZelsimGenerator, MixFollowsSharesAndSizeWeights) {
   for (const auto& [command, count] : atomics) EXPECT_NEAR(count / 20000.0, 0.40 / 6, 0.01) << command;
 }
 
-TEST(ZelsimGenerator, SameSeedSameRequestsInsideTheCubeOnTheirLinks) {
-  auto requests = [](uint64_t seed, unsigned generator) {
-    std::vector<std::tuple<uint64_t, ZELCommand, unsigned>> list;
-    for (const Request& r : Generate(DefaultTraffic(), 100, seed, generator))
-      list.emplace_back(r.address, r.command, r.length);
-    return list;
-  };
-  EXPECT_EQ(requests(7, 0), requests(7, 0));
-  EXPECT_NE(requests(7, 0), requests(8, 0));
-  EXPECT_NE(requests(7, 0), requests(7, 1));
-
+// Random addresses at 16- or 32-byte steps, inside the cube; a strided
+// stream stays in its generator's vault while round-robin turns over the links.
+TEST(ZelsimGenerator, AddressesStayAlignedInsideTheCube) {
   TrafficSettings s = DefaultTraffic();
   EXPECT_EQ(s.capacity, uint64_t{1} << 30);  // 16 vaults of 64 MB
   for (const bool aligned32 : {false, true}) {
@@ -323,51 +310,16 @@ TEST(ZelsimGenerator, SameSeedSameRequestsInsideTheCubeOnTheirLinks) {
     }
     EXPECT_EQ(someOdd16, !aligned32);
   }
-
-  // Streams and host mappings.
-  s.stream = STREAM_SEQUENTIAL;
-  s.mapping = MAP_GENERATOR;
-  const auto sequential = Generate(s, 50, 1, 2);
-  EXPECT_EQ(sequential[0].address, s.capacity / 4 * 2);
-  for (std::size_t i = 0; i < sequential.size(); ++i) {
-    EXPECT_EQ(sequential[i].link, 2u);
-    if (i > 0)
-      EXPECT_EQ(sequential[i].address, sequential[i - 1].address + (sequential[i - 1].length + 31) / 32 * 32);
-  }
   s.stream = STREAM_STRIDED;
   s.mapping = MAP_ROUND_ROBIN;
   const auto strided = Generate(s, 40, 1, 5);
-  std::set<unsigned> vaults;
   for (std::size_t i = 0; i < strided.size(); ++i) {
-    vaults.insert(VaultOf(strided[i].address, s.blockSize, s.numVaults));
+    EXPECT_EQ(VaultOf(strided[i].address, s.blockSize, s.numVaults), 5u);
     EXPECT_EQ(strided[i].link, (5 + i) % 4);
   }
-  EXPECT_EQ(vaults, std::set<unsigned>{5});
-  s.stream = STREAM_RANDOM;
-  s.mapping = MAP_VAULT_QUAD;
-  for (const Request& r : Generate(s, 500)) EXPECT_EQ(r.link, VaultOf(r.address, 128, 16) / 4);
 }
 
-TEST(ZelsimGenerator, BadTraceLinesAreRefused) {
-  zelsim_test::TempDir dir;
-  std::vector<TraceEntry> entries;
-  std::string error;
-  const std::pair<const char*, const char*> bad[] = {
-      {"0 RD 0x10\n", "size"},
-      {"0 RD 0x10 24\n", "size"},
-      {"0 XOR 0x10 16\n", "unknown command"},
-      {"0 ADD16 0x10 32\n", "16"},
-      {"x RD 0 16\n", "cycle"},
-      {"0 RD 0xg 16\n", "address"},
-      {"5 RD 0 16\n4 RD 0 16\n", "line 2: cycles must not decrease"}};
-  for (const auto& [text, words] : bad) {
-    ASSERT_FALSE(ReadTrace(dir.Write("bad.trace", text), entries, error)) << text;
-    EXPECT_NE(error.find(words), std::string::npos) << error;
-    EXPECT_NE(error.find("bad.trace"), std::string::npos) << error;
-  }
-}
-
-// ---- Host arithmetic and reports ----------------------------------------------
+// ---- Host arithmetic, results and the timeline ----------------------------------
 
 TEST(ZelsimHost, FlitsPerCycleAsTheLinkCountsThem) {
   // Flit time in ps, and the flits of a 1.6 ns cycle on a link of 3 ports:
@@ -378,7 +330,7 @@ TEST(ZelsimHost, FlitsPerCycleAsTheLinkCountsThem) {
 }
 
 // What the golden runs can't show: a link without traffic left out, an
-// empty distribution, the rest state's field, and the configuration typed.
+// empty distribution, text that needs escaping, a float key as typed.
 TEST(ZelsimResults, JsonLeavesIdleLinksOutAndKeepsValuesTyped) {
   RunResults results;
   results.links.resize(2);
@@ -389,102 +341,69 @@ TEST(ZelsimResults, JsonLeavesIdleLinksOutAndKeepsValuesTyped) {
   results.restViolations = {"vsw0: a \"b\""};
   Config cfg;
   cfg.LINK_SPEED = 0.1f;
-  cfg.STATS_FILENAME = "s.txt";
   std::ostringstream text;
   WriteJson(text, results, cfg);
   const nlohmann::json json = nlohmann::json::parse(text.str());
-
   ASSERT_EQ(json["links"].size(), 1u);
   EXPECT_EQ(json["links"][0]["link"], 1);
-  EXPECT_EQ(json["run"]["traffic_time_ns"], 0);
   const nlohmann::json& all = json["total"]["latency_ns"]["all"];
   EXPECT_EQ(all["count"], 0);
-  EXPECT_TRUE(all["p50"].is_null() && all["max"].is_null());
-  EXPECT_TRUE(all["histogram"]["bounds_ns"].empty() && all["histogram"]["counts"].empty());
+  EXPECT_TRUE(all["p50"].is_null() && all["max"].is_null() && all["histogram"]["counts"].empty());
   EXPECT_EQ(json["total"]["bandwidth_gbps"]["write"], 0);  // no time, no rate
   EXPECT_EQ(json["mismatch_messages"][0], results.mismatchMessages[0]);
   EXPECT_EQ(json["rest_state"][0], results.restViolations[0]);
-
-  const nlohmann::json& config = json["config"];
-  EXPECT_EQ(config.size(), NUM_CONFIG_KEYS);
-  EXPECT_EQ(config["CORE_CLK"], 1.6);
-  EXPECT_EQ(config["LINK_SPEED"], 0.1);
-  EXPECT_EQ(config["NUM_LINKS"], 4);
-  EXPECT_EQ(config["DUMP_STATE"], true);
-  EXPECT_EQ(config["STATS_FILENAME"], "s.txt");
+  EXPECT_EQ(json["config"]["LINK_SPEED"], 0.1);
 }
 
 // The histogram's percentiles against exact nearest-rank ones, over
-// latencies from a few picoseconds to a millisecond; merged histograms
-// against one that saw everything.
+// latencies from a few picoseconds to a millisecond; merged histograms (the
+// links' into the total) against one that saw everything.
 TEST(ZelsimLatency, PercentilesStayWithinTheStatedError) {
   EXPECT_LE(LatencyHistogram::kRelativeError, 0.01);
   Rng rng(5);
-  std::vector<uint64_t> latencies;
+  std::vector<uint64_t> sorted;
   LatencyHistogram whole, first, second;
   for (unsigned i = 0; i < 20000; ++i) {
-    // Spread over nine decades, as the runs of a sweep may be.
     const uint64_t ps = 1 + rng.Below(uint64_t{1} << rng.Below(31));
-    latencies.push_back(ps);
+    sorted.push_back(ps);
     whole.Add(ps);
     (i % 3 == 0 ? first : second).Add(ps);
   }
   first.Merge(second);
-  std::vector<uint64_t> sorted = latencies;
   std::sort(sorted.begin(), sorted.end());
-  for (const unsigned perMille : {1u, 100u, 500u, 900u, 950u, 990u, 999u, 1000u}) {
+  for (const unsigned perMille : {1u, 500u, 950u, 990u, 999u, 1000u}) {
     const double exact = static_cast<double>(sorted[(sorted.size() * perMille + 999) / 1000 - 1]);
     EXPECT_NEAR(whole.PercentilePs(perMille), exact, exact * LatencyHistogram::kRelativeError) << perMille;
     EXPECT_EQ(first.PercentilePs(perMille), whole.PercentilePs(perMille)) << perMille;
-    std::vector<uint64_t> scratch = latencies;
-    EXPECT_EQ(ExactPercentilePs(scratch, perMille), exact) << perMille;
   }
   EXPECT_EQ(whole.MinPs(), sorted.front());
   EXPECT_EQ(whole.MaxPs(), sorted.back());
-  // The buckets run without a gap, hold what they count, and count it all.
-  uint64_t counted = 0;
-  const std::vector<LatencyHistogram::Bucket> buckets = whole.Buckets();
-  for (std::size_t b = 0; b < buckets.size(); ++b) {
-    if (b > 0) EXPECT_EQ(buckets[b].lowPs, buckets[b - 1].highPs);
-    const auto inside = std::count_if(sorted.begin(), sorted.end(), [&](uint64_t ps) {
-      return ps >= buckets[b].lowPs && ps < buckets[b].highPs;
-    });
-    EXPECT_EQ(buckets[b].count, static_cast<uint64_t>(inside)) << buckets[b].lowPs;
-    counted += buckets[b].count;
-  }
-  EXPECT_EQ(counted, latencies.size());
-  // One latency: every figure is that latency.
-  LatencyHistogram one;
+  LatencyHistogram one;  // one latency: every figure is that latency
   one.Add(123457);
   EXPECT_EQ(Summarise(one).p50Ns, 123.457);
   EXPECT_EQ(Summarise(one).p999Ns, 123.457);
 }
 
-// ---- The timeline ---------------------------------------------------------------
-
 // Two links, intervals of 10 ns. An event on an interval's end belongs to
-// it; quiet intervals still get their row; the last row ends with the run.
+// it; a mismatch is answered but not completed; quiet intervals still get
+// their row; the last row ends with the run.
 TEST(ZelsimTimeline, RowsCoverTheRunIntervalByInterval) {
   std::ostringstream csv;
   Timeline timeline(csv, 10000, 2);
   const Request read{RD, 0, 64, 0};
   const Request write{WR, 0, 32, 1};
-  const Request posted{P_WR, 0, 16, 1};
   timeline.Issued(0, read, 0);
   timeline.Issued(1, write, 2000);
-  timeline.Issued(1, posted, 3000);
+  timeline.Issued(1, Request{P_WR, 0, 16, 1}, 3000);
   timeline.Answered(0, read, true, 10000, 10000);  // on the first interval's end
   timeline.Issued(0, read, 10000);
-  timeline.Answered(1, write, false, 5000, 25000);  // a mismatch: answered, not completed
+  timeline.Answered(1, write, false, 5000, 25000);
   timeline.Issued(0, read, 41000);
   timeline.Answered(0, read, true, 31500, 41500);
   timeline.Finish(43000);
   timeline.Issued(0, read, 44000);  // after the end: not counted
-
   const std::vector<std::string> rows = zelsim_test::Lines(csv.str());
   ASSERT_EQ(rows.size(), 6u) << csv.str();
-  EXPECT_EQ(rows[0].substr(0, 56), "start_ns,end_ns,link0_completed,link0_bytes_read,link0_b");
-  EXPECT_NE(rows[0].find(",link1_outstanding,all_completed,"), std::string::npos);
   EXPECT_EQ(rows[1], "0,10,1,64,0,6.4,0,10.000,10,1,0,0,48,0,4.8,,,1,1,64,48,6.4,4.8,10.000,10,2");
   EXPECT_EQ(rows[2], "10,20,0,0,0,0,0,,,1,0,0,0,0,0,,,1,0,0,0,0,0,,,2");
   EXPECT_EQ(rows[3], "20,30,0,0,0,0,0,,,1,0,0,0,0,0,,,0,0,0,0,0,0,,,1");
@@ -550,10 +469,10 @@ TEST(ZelsimLimits, EachLimitAcceptsItsBoundaryAndRefusesOneStepBeyond) {
       {"NUM_QUADS=4 NUM_LINKS=4", "NUM_QUADS=2 NUM_LINKS=2 NUM_VAULTS=8"},
   };
   // clang-format on
-  auto configOf = [](const char* assignments, std::vector<std::string> sets) {
+  auto setsOf = [](const char* assignments, std::vector<std::string> sets) {
     std::istringstream words(assignments);
     for (std::string word; words >> word;) sets.push_back(word);
-    return ConfigWith(sets);
+    return sets;
   };
   std::string error;
   EXPECT_TRUE(CheckBenchSettings(Config(), HostSetup(), error)) << error;
@@ -561,11 +480,12 @@ TEST(ZelsimLimits, EachLimitAcceptsItsBoundaryAndRefusesOneStepBeyond) {
     const std::string bad = c.bad;
     const std::string key = c.named != nullptr ? c.named : bad.substr(0, bad.find('='));
     SCOPED_TRACE(bad);
-    EXPECT_TRUE(CheckBenchSettings(configOf(c.good, c.with), HostSetup(), error)) << error;
-    const Config refused = configOf(c.bad, c.with);
-    ASSERT_FALSE(CheckBenchSettings(refused, HostSetup(), error));
-    EXPECT_EQ(error.rfind("key " + key + ":", 0), 0u) << error;
-    EXPECT_TRUE(CheckBenchSettings(refused, HostSetup(), error, false)) << error;
+    EXPECT_TRUE(CheckBenchSettings(ConfigWith(setsOf(c.good, c.with)), HostSetup(), error)) << error;
+    std::string err;
+    EXPECT_EQ(RunBench(Args({}, setsOf(c.bad, c.with)), &err), kExitRefused);
+    EXPECT_EQ(err.rfind("zelsim: key " + key + ":", 0), 0u) << err;
+    EXPECT_EQ(err.find('\n'), err.size() - 1) << err;
+    EXPECT_TRUE(CheckBenchSettings(ConfigWith(setsOf(c.bad, c.with)), HostSetup(), error, false)) << error;
   }
 }
 
@@ -581,8 +501,9 @@ TEST(ZelsimRun, TokenReturnsWaitForRequestTails) {
   EXPECT_LT(r.Total().tokenReturnsSent * 5, r.Total().completed);  // without the wait, more than one a read
 }
 
-// Each trace request enters the host queue at its cycle or later, on the
-// link of its vault's quad, up to NUM_REQUESTS of them.
+// Each trace request enters the host queue at its cycle or later (half a
+// core cycle after its edge), on the link of its vault's quad, up to
+// NUM_REQUESTS of them; comments, blank lines, decimal and hex are read.
 TEST(ZelsimRun, TracesAreReplayed) {
   zelsim_test::TempDir dir;
   const std::string first =
@@ -600,24 +521,23 @@ TEST(ZelsimRun, TracesAreReplayed) {
   EXPECT_EQ(r.generators[1].issued, 1u);
   EXPECT_EQ(r.Total().posted, 2u);
   EXPECT_EQ(r.Total().bytesRead, 64u + 128u + 32u);
-  // Half a core cycle after the cycle's edge.
   for (const char* line : {"\n800 ps: zelsim: generator 0 trace line 4: WR 0x1000 128 bytes on link 0\n",
                            "\n12 ns: zelsim: generator 0 trace line 6: P_ADD16 0x40 16 bytes on link 0\n",
-                           "\n16800 ps: zelsim: generator 1 trace line 1: RD 0x40000 32 bytes on link 0\n",
                            "\n32800 ps: zelsim: generator 0 trace line 7: RD 0x12340 128 bytes on link 1\n"})
     EXPECT_NE(out.find(line), std::string::npos) << line;
-  EXPECT_EQ(out.find("trace line 8"), std::string::npos);
 }
 
-// Long quiet spells with nothing outstanding are no deadlock. A JSON file
-// that can't be written at the end turns the clean run into status 1.
+// Long quiet spells with nothing outstanding are no deadlock; the
+// corrections asked for are recorded. A JSON file that can't be written at
+// the end turns the clean run into status 1.
 TEST(ZelsimRun, TheWatchdogSleepsWhileNothingIsOutstanding) {
   std::string err;
   const RunResults r =
-      RunClean(Args({"--deadlock-timeout", "1000", "--json", "/dev/full"},
+      RunClean(Args({"--deadlock-timeout", "1000", "--json", "/dev/full", "--correct", "bank-ownership"},
                     {"NUM_REQUESTS=3", "NUM_GENERATORS=1", "REQUEST_SPACING=2000", "SIM_TIME=0"}),
                kExitMismatch, &err);
   EXPECT_GT(r.endTimeNs, 2 * 2000 * 1.6);
+  EXPECT_EQ(r.corrections, std::vector<std::string>{"bank-ownership"});
   EXPECT_NE(err.find("zelsim: can't write JSON file '/dev/full'\n"), std::string::npos) << err;
 }
 
@@ -634,17 +554,16 @@ TEST(ZelsimEnds, AModelStopWithStatus0EndsWithStatus3) {
               "Non-contiguous tag received from LS in LSW(.|\n)*\nzelsim: the model stopped the run\n$");
 }
 
-// A vault controller that can't hold a transaction's commands takes none:
-// requests pile up and no flit moves.
-TEST(ZelsimEnds, TheWatchdogReportsADeadlockWithTheStateOfTheCube) {
+// The watchdog ends a deadlocked run (one run per process) with status 4,
+// the state of the cube and no summary, and the JSON tells of it with the
+// requests left open.
+namespace {
+void ExpectDeadlock(std::vector<std::string> args) {
   zelsim_test::TempDir dir;
-  std::string err;
-  std::string out;
-  EXPECT_EQ(RunBench(Args({"--no-config-guards", "--deadlock-timeout", "500", "--json", dir.path + "/d.json"},
-                          {"REQUEST_Q_CAPACITY=0", "SIM_TIME=0"}),
-                     &err, &out),
-            kExitDeadlock);
-  // The JSON tells of the deadlock, with the requests it left open.
+  args.insert(args.end(),
+              {"--no-config-guards", "--deadlock-timeout", "500", "--json", dir.path + "/d.json"});
+  std::string err, out;
+  EXPECT_EQ(RunBench(args, &err, &out), kExitDeadlock);
   const nlohmann::json json = nlohmann::json::parse(zelsim_test::ReadFile(dir.path + "/d.json"));
   EXPECT_EQ(json["run"]["deadlock"], true);
   EXPECT_EQ(json["run"]["drained"], false);
@@ -655,17 +574,18 @@ TEST(ZelsimEnds, TheWatchdogReportsADeadlockWithTheStateOfTheCube) {
   ASSERT_NE(line, std::string::npos);
   EXPECT_NE(out.find("== VSW", line), std::string::npos);  // the state dump follows
   EXPECT_EQ(out.find("==== zelsim summary"), std::string::npos);
+  EXPECT_EQ(out.find("rest state OK"), std::string::npos);
+}
+}  // namespace
+
+// A vault controller that can't hold a transaction's commands takes none:
+// requests pile up and no flit moves.
+TEST(ZelsimEnds, TheWatchdogReportsADeadlockWithTheStateOfTheCube) {
+  ExpectDeadlock(Args({}, {"REQUEST_Q_CAPACITY=0", "SIM_TIME=0"}));
 }
 
 // A link master too small for a whole response beyond the vault switch's
 // reserve deadlocks while --check-rest drains.
 TEST(ZelsimEnds, TheWatchdogStopsARestCheckThatCanNotDrain) {
-  std::string err;
-  std::string out;
-  EXPECT_EQ(RunBench(Args({"--no-config-guards", "--check-rest", "--deadlock-timeout", "2000"},
-                          {"LINK_MASTER_BUFFER_SIZE=9", "HOST_MAPPING=1", "SIM_TIME=3000"}),
-                     &err, &out),
-            kExitDeadlock);
-  EXPECT_NE(err.find("zelsim: deadlock: no flit moved for 2000 ns"), std::string::npos) << err;
-  EXPECT_EQ(out.find("rest state OK"), std::string::npos);
+  ExpectDeadlock(Args({"--check-rest"}, {"LINK_MASTER_BUFFER_SIZE=9", "HOST_MAPPING=1", "SIM_TIME=3000"}));
 }

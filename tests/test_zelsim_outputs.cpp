@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // zelsim's outputs as a user gets them, from the program itself: the JSON
-// results and their figures checked against hand computations, the
-// timeline, the split of --report, the VCD of the links and the progress
-// display on a terminal. Each run is a process of its own, so that one test
-// can compare several runs.
+// results and their figures checked against a hand computation, the split of
+// --report, the timeline, the VCD of the links and the progress display on a
+// terminal. Each run is a process of its own, so that one test can compare
+// several runs.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -73,107 +72,86 @@ std::vector<std::string> Split(const std::string& line, char separator) {
   return fields;
 }
 
-double Nearest(const std::vector<uint64_t>& sorted, unsigned perMille) {
-  return static_cast<double>(sorted[(sorted.size() * perMille + 999) / 1000 - 1]);
-}
-
 }  // namespace
 
-// A short default run: per link and in total, the latency figures of every
-// kind in order, a histogram that counts every completed request, and the
-// read and write bandwidth from the bytes and the traffic's time. Two runs
-// of the same point differ in the wall-clock figures only, whatever other
-// outputs they write.
-TEST(ZelsimOutputs, JsonHoldsDistributionsAndBandwidthAndRepeats) {
+// Two runs of the same point, the second with every other output and the
+// progress display: their JSON differs in "wall_clock" only, and the --report
+// file and the second run's standard output are, together, exactly the first
+// run's output (here with the state dump and the rest check, whose lines
+// belong to either half). The JSON holds, per link and in total, latency
+// percentiles in order, a histogram that counts every completed request, and
+// the read and write bandwidth from the bytes and the traffic's time.
+TEST(ZelsimOutputs, JsonHoldsDistributionsAndBandwidthRepeatsAndReportSplits) {
   zelsim_test::TempDir dir;
-  const Outcome first = Zelsim(dir, {"--set", "SIM_TIME=20000", "--json", "a.json", "--report", "a.txt"});
-  // The other outputs only look at the run: with all of them it is the same.
-  const Outcome second =
-      Zelsim(dir, {"--set", "SIM_TIME=20000", "--json", "b.json", "--report", "b.txt", "--timeline", "b.csv",
-                   "--vcd", "b.vcd", "--responses", "b.log", "--progress"});
+  const std::vector<std::string> point = {"--set", "SIM_TIME=20000", "--dump-state", "--check-rest"};
+  std::vector<std::string> whole = point, split = point;
+  whole.insert(whole.end(), {"--json", "a.json"});
+  split.insert(split.end(), {"--json", "b.json", "--report", "b.txt", "--timeline", "b.csv", "--vcd", "b.vcd",
+                             "--responses", "b.log", "--progress"});
+  const Outcome first = Zelsim(dir, whole);
+  const Outcome second = Zelsim(dir, split);
   ASSERT_EQ(first.status, 0) << first.err;
+  ASSERT_EQ(second.status, 0) << second.err;
+  const std::string report = zelsim_test::ReadFile(dir.path + "/b.txt");
+  EXPECT_EQ(report + second.out, first.out);
+  EXPECT_EQ(second.out.rfind("==== zelsim summary", 0), 0u) << second.out;
+  EXPECT_NE(second.out.find("\nzelsim: rest state OK\n"), std::string::npos);
+  EXPECT_NE(report.find("== VSW"), std::string::npos);  // the state dump
+  EXPECT_NE(second.err.find("zelsim: the model's report is in '" + dir.path + "/b.txt'\n"), std::string::npos)
+      << second.err;
   json a = ReadJson(dir.path + "/a.json");
   json b = ReadJson(dir.path + "/b.json");
-  EXPECT_EQ(first.out, second.out);
-  EXPECT_EQ(zelsim_test::ReadFile(dir.path + "/a.txt"), zelsim_test::ReadFile(dir.path + "/b.txt"));
   EXPECT_GT(a["wall_clock"]["seconds"].get<double>(), 0);
   a.erase("wall_clock");
   b.erase("wall_clock");
   EXPECT_EQ(a, b);
 
-  EXPECT_EQ(a["schema_version"], 1);
-  EXPECT_EQ(a["config"].size(), 141u);
-  EXPECT_EQ(a["config"]["SIM_TIME"], 20000);
   const double trafficNs = a["run"]["traffic_time_ns"];
   EXPECT_GT(trafficNs, 19000);
-  EXPECT_LE(trafficNs, a["run"]["end_time_ns"].get<double>());
   ASSERT_EQ(a["links"].size(), 4u);
   std::vector<json> objects(a["links"].begin(), a["links"].end());
   objects.push_back(a["total"]);
-  double linkReads = 0;
   for (const json& link : objects) {
     SCOPED_TRACE(link.value("link", -1));
-    const json& latency = link["latency_ns"];
-    EXPECT_EQ(latency["all"]["count"], link["completed"]);
-    EXPECT_EQ(latency["read"]["count"].get<uint64_t>() + latency["write"]["count"].get<uint64_t>(),
-              link["completed"].get<uint64_t>());  // no atomics by default
-    for (const char* kind : {"all", "read", "write"}) {
-      const json& k = latency[kind];
-      std::vector<double> figures;
-      for (const char* name : {"min", "p50", "p90", "p95", "p99", "p999", "max"}) figures.push_back(k[name]);
-      EXPECT_TRUE(std::is_sorted(figures.begin(), figures.end())) << kind;
-      EXPECT_GT(figures.front(), 30) << kind;
-      const json& histogram = k["histogram"];
-      const std::vector<double> bounds = histogram["bounds_ns"];
-      const std::vector<uint64_t> counts = histogram["counts"];
-      EXPECT_EQ(bounds.size(), counts.size() + 1);
-      EXPECT_TRUE(std::is_sorted(bounds.begin(), bounds.end()));
-      EXPECT_LE(bounds.front(), figures.front());
-      EXPECT_GT(bounds.back(), figures.back());
-      uint64_t counted = 0;
-      for (uint64_t c : counts) counted += c;
-      EXPECT_EQ(counted, k["count"].get<uint64_t>()) << kind;
-    }
+    const json& all = link["latency_ns"]["all"];
+    EXPECT_EQ(all["count"], link["completed"]);
+    std::vector<double> figures;
+    for (const char* name : {"min", "p50", "p95", "p99", "max"}) figures.push_back(all[name]);
+    EXPECT_TRUE(std::is_sorted(figures.begin(), figures.end()));
+    EXPECT_GT(figures.front(), 30);
+    const std::vector<uint64_t> counts = all["histogram"]["counts"];
+    EXPECT_EQ(all["histogram"]["bounds_ns"].size(), counts.size() + 1);
+    uint64_t counted = 0;
+    for (uint64_t c : counts) counted += c;
+    EXPECT_EQ(counted, link["completed"].get<uint64_t>());
     const json& gbps = link["bandwidth_gbps"];
+    EXPECT_GT(gbps["read"].get<double>(), 1);
     EXPECT_DOUBLE_EQ(gbps["read"].get<double>(), link["bytes_read"].get<double>() / trafficNs);
     EXPECT_DOUBLE_EQ(gbps["write"].get<double>(), link["bytes_written"].get<double>() / trafficNs);
-    EXPECT_GT(gbps["read"].get<double>(), 1);
-    EXPECT_GE(gbps["offered_read"].get<double>(), gbps["read"].get<double>());
-    for (const char* direction : {"request", "response"}) {
-      EXPECT_GT(link["utilisation"][direction].get<double>(), 0.3) << direction;
-      EXPECT_LE(link["utilisation"][direction].get<double>(), 1.0) << direction;
-    }
-    if (link.contains("link")) linkReads += gbps["read"].get<double>();
   }
-  EXPECT_NEAR(linkReads, a["total"]["bandwidth_gbps"]["read"].get<double>(), 1e-9);
 }
 
 // A replay of requests that each have the cube to themselves: the latency
 // of each is the time its response's tail came in (from --responses) less
 // the half cycle after its trace cycle at which the host sent it. zelsim's
-// percentiles and bandwidth must match the ones worked out from these.
+// percentiles, histogram and bandwidth must match the ones worked out from these.
 TEST(ZelsimOutputs, PercentilesAndBandwidthMatchAHandComputation) {
   zelsim_test::TempDir dir;
-  struct Line {
-    const char* command;
-    unsigned bytes;
-  };
-  const Line kinds[] = {{"RD", 0}, {"WR", 0}, {"RD", 128}, {"ADD16", 16}, {"P_WR", 64}};
+  const std::pair<std::string, unsigned> kinds[] = {
+      {"RD", 0}, {"WR", 0}, {"RD", 128}, {"ADD16", 16}, {"P_WR", 64}};
   std::ostringstream trace;
   std::vector<uint64_t> sentPs;
-  uint64_t bytesRead = 0;
-  uint64_t bytesWritten = 0;
+  uint64_t bytesRead = 0, bytesWritten = 0;
   for (unsigned i = 0; i < 40; ++i) {
-    const Line& kind = kinds[i % 5];
-    const unsigned bytes = kind.bytes != 0 ? kind.bytes : 16 * (1 + (i * 3) % 8);
+    const auto& [command, size] = kinds[i % 5];
+    const unsigned bytes = size != 0 ? size : 16 * (1 + (i * 3) % 8);
     // Far enough apart for each request to be alone in the cube, after the
     // cube has granted the host its tokens.
     const uint64_t cycle = 100 + 400 * i;
-    trace << cycle << ' ' << kind.command << " 0x" << std::hex << i * 128 * 17 << std::dec << ' ' << bytes
-          << '\n';
-    if (std::string(kind.command) == "RD") bytesRead += bytes;
-    if (std::string(kind.command).find("WR") != std::string::npos) bytesWritten += bytes;
-    if (std::string(kind.command) != "P_WR") sentPs.push_back(800 + 1600 * cycle);
+    trace << cycle << ' ' << command << ' ' << i * 128 * 17 << ' ' << bytes << '\n';
+    if (command == "RD") bytesRead += bytes;
+    if (command.find("WR") != std::string::npos) bytesWritten += bytes;
+    if (command != "P_WR") sentPs.push_back(800 + 1600 * cycle);
   }
   dir.Write("t.trace", trace.str());
   const Outcome run = Zelsim(dir, {"--set", "USE_TRACE=true", "--set", "TRACE_FILENAME_0=t.trace", "--set",
@@ -182,36 +160,27 @@ TEST(ZelsimOutputs, PercentilesAndBandwidthMatchAHandComputation) {
   ASSERT_EQ(run.status, 0) << run.err;
 
   // Lines: time in ps, link, flit. The tails of the responses, in order.
-  std::vector<uint64_t> tailsPs;
+  std::vector<uint64_t> latencies;
   uint64_t lastResponsePs = 0;
   for (const std::string& line : zelsim_test::Lines(zelsim_test::ReadFile(dir.path + "/r.txt"))) {
-    const std::vector<std::string> words = Split(line, ' ');
-    ASSERT_GE(words.size(), 3u) << line;
     if (line.find("cmd:RD_RSP") == std::string::npos && line.find("cmd:WR_RSP") == std::string::npos)
       continue;
-    lastResponsePs = std::stoull(words[0]);
-    if (line.find(" TAIL]") != std::string::npos) tailsPs.push_back(lastResponsePs);
+    lastResponsePs = std::stoull(line);
+    if (line.find(" TAIL]") != std::string::npos) latencies.push_back(lastResponsePs);
   }
-  ASSERT_EQ(tailsPs.size(), sentPs.size());
-  std::vector<uint64_t> latencies;
-  uint64_t sum = 0;
-  for (std::size_t i = 0; i < sentPs.size(); ++i) {
-    latencies.push_back(tailsPs[i] - sentPs[i]);
-    sum += latencies.back();
-  }
+  ASSERT_EQ(latencies.size(), sentPs.size());
+  for (std::size_t i = 0; i < sentPs.size(); ++i) latencies[i] -= sentPs[i];
   std::sort(latencies.begin(), latencies.end());
   ASSERT_GT(latencies.back(), latencies.front());  // a distribution, not one value
 
   const json results = ReadJson(dir.path + "/r.json");
   const json& all = results["total"]["latency_ns"]["all"];
   EXPECT_EQ(all["count"], latencies.size());
-  EXPECT_DOUBLE_EQ(all["min"].get<double>(), static_cast<double>(latencies.front()) / 1000);
-  EXPECT_DOUBLE_EQ(all["max"].get<double>(), static_cast<double>(latencies.back()) / 1000);
-  EXPECT_DOUBLE_EQ(all["mean"].get<double>(), static_cast<double>(sum) / latencies.size() / 1000);
-  const std::pair<const char*, unsigned> percentiles[] = {
-      {"p50", 500}, {"p90", 900}, {"p95", 950}, {"p99", 990}, {"p999", 999}};
-  for (const auto& [name, perMille] : percentiles) {
-    const double exact = Nearest(latencies, perMille) / 1000;
+  EXPECT_DOUBLE_EQ(all["min"].get<double>(), latencies.front() / 1000.0);
+  EXPECT_DOUBLE_EQ(all["max"].get<double>(), latencies.back() / 1000.0);
+  for (const auto& [name, perMille] :
+       {std::pair<const char*, unsigned>{"p50", 500}, {"p95", 950}, {"p99", 990}}) {
+    const double exact = latencies[(latencies.size() * perMille + 999) / 1000 - 1] / 1000.0;
     EXPECT_NEAR(all[name].get<double>(), exact, exact * LatencyHistogram::kRelativeError) << name;
   }
   // Each latency in the bucket that counts it.
@@ -219,7 +188,7 @@ TEST(ZelsimOutputs, PercentilesAndBandwidthMatchAHandComputation) {
   const std::vector<uint64_t> counts = all["histogram"]["counts"];
   std::vector<uint64_t> expected(counts.size(), 0);
   for (uint64_t ps : latencies) {
-    const auto above = std::upper_bound(bounds.begin(), bounds.end(), static_cast<double>(ps) / 1000);
+    const auto above = std::upper_bound(bounds.begin(), bounds.end(), ps / 1000.0);
     ASSERT_TRUE(above != bounds.begin() && above != bounds.end()) << ps;
     ++expected[above - bounds.begin() - 1];
   }
@@ -233,15 +202,11 @@ TEST(ZelsimOutputs, PercentilesAndBandwidthMatchAHandComputation) {
   const json& gbps = results["total"]["bandwidth_gbps"];
   EXPECT_DOUBLE_EQ(gbps["read"].get<double>(), bytesRead / trafficNs);
   EXPECT_DOUBLE_EQ(gbps["write"].get<double>(), bytesWritten / trafficNs);
-  EXPECT_DOUBLE_EQ(gbps["total"].get<double>(), (bytesRead + bytesWritten) / trafficNs);
-  // Everything asked for was done.
-  EXPECT_DOUBLE_EQ(gbps["offered_total"].get<double>(), gbps["total"].get<double>());
-  EXPECT_EQ(results["links"].size(), 1u);
 }
 
 // The rows cover the run without gap or overlap, in intervals that don't
-// divide it, and add up to its totals; the last row's outstanding requests
-// are the run's.
+// divide it, and add up to its totals, per link and in all; the last row's
+// outstanding requests are the run's.
 TEST(ZelsimOutputs, TimelineRowsAddUpToTheRunsTotals) {
   zelsim_test::TempDir dir;
   const Outcome run = Zelsim(
@@ -254,75 +219,41 @@ TEST(ZelsimOutputs, TimelineRowsAddUpToTheRunsTotals) {
   const std::vector<std::string> header = Split(rows[0], ',');
   std::map<std::string, std::size_t> column;
   for (std::size_t i = 0; i < header.size(); ++i) column[header[i]] = i;
-  ASSERT_EQ(header.size(), 2u + 5u * 8u);
 
   std::map<std::string, double> sums;
-  std::vector<std::string> last;
+  std::vector<std::string> cells;
   double end = 0;
   for (std::size_t r = 1; r < rows.size(); ++r) {
-    const std::vector<std::string> cells = Split(rows[r], ',');
+    cells = Split(rows[r], ',');
     ASSERT_EQ(cells.size(), header.size()) << rows[r];
     EXPECT_EQ(std::stod(cells[0]), end) << rows[r];
     end = std::stod(cells[1]);
-    for (const char* group : {"link0_", "link1_", "link2_", "link3_", "all_"}) {
-      for (const char* name : {"completed", "bytes_read", "bytes_written"})
-        sums[std::string(group) + name] += std::stod(cells[column[std::string(group) + name]]);
-    }
-    // The total's columns are the links' together.
-    double completed = 0;
-    for (unsigned l = 0; l < 4; ++l)
-      completed += std::stod(cells[column["link" + std::to_string(l) + "_completed"]]);
-    EXPECT_EQ(completed, std::stod(cells[column["all_completed"]])) << rows[r];
-    last = cells;
+    for (const auto& [name, at] : column)
+      if (name.find("completed") != std::string::npos || name.find("bytes_") != std::string::npos)
+        sums[name] += std::stod(cells[at]);
   }
   EXPECT_EQ(end, results["run"]["end_time_ns"].get<double>());
-  std::vector<std::pair<std::string, json>> groups;
+  std::vector<std::pair<std::string, json>> groups = {{"all_", results["total"]}};
   for (const json& link : results["links"]) groups.emplace_back("link" + link["link"].dump() + "_", link);
-  groups.emplace_back("all_", results["total"]);
+  ASSERT_EQ(groups.size(), 5u);
   for (const auto& [group, figures] : groups) {
     SCOPED_TRACE(group);
-    EXPECT_EQ(sums[group + "completed"], figures["completed"].get<double>());
-    EXPECT_EQ(sums[group + "bytes_read"], figures["bytes_read"].get<double>());
-    EXPECT_EQ(sums[group + "bytes_written"], figures["bytes_written"].get<double>());
-    EXPECT_EQ(std::stod(last[column[group + "outstanding"]]), figures["outstanding"].get<double>());
+    for (const char* name : {"completed", "bytes_read", "bytes_written"})
+      EXPECT_EQ(sums[group + name], figures[name].get<double>()) << name;
+    EXPECT_EQ(std::stod(cells[column[group + "outstanding"]]), figures["outstanding"].get<double>());
   }
   EXPECT_GT(results["total"]["outstanding"].get<double>(), 0);
   EXPECT_GT(results["total"]["posted"].get<double>(), 0);
 }
 
-// --report: the model's text goes to the file, zelsim's summary to the
-// terminal, and the two together are the output of the same run without it,
-// byte for byte: here with the state dump and the rest check, whose lines
-// belong to either half.
-TEST(ZelsimOutputs, ReportSplitsTheOutputIntoTwoExactHalves) {
-  zelsim_test::TempDir dir;
-  const std::vector<std::string> args = {"--set", "SIM_TIME=2000", "--dump-state", "--check-rest"};
-  const Outcome whole = Zelsim(dir, args);
-  std::vector<std::string> split = args;
-  split.insert(split.end(), {"--report", "model.txt"});
-  const Outcome half = Zelsim(dir, split);
-  ASSERT_EQ(whole.status, 0) << whole.err;
-  ASSERT_EQ(half.status, 0) << half.err;
-  const std::string report = zelsim_test::ReadFile(dir.path + "/model.txt");
-  EXPECT_EQ(report + half.out, whole.out);
-  EXPECT_EQ(half.out.rfind("==== zelsim summary", 0), 0u) << half.out;
-  EXPECT_NE(half.out.find("\nzelsim: rest state OK\n"), std::string::npos);
-  EXPECT_NE(report.find("Sornak ZEL2 SystemC simulator"), std::string::npos);
-  EXPECT_NE(report.find("== VSW"), std::string::npos);  // the state dump
-  EXPECT_NE(half.err.find("zelsim: the model's report is in '" + dir.path + "/model.txt'\n"),
-            std::string::npos)
-      << half.err;
-}
-
 // The VCD, read back: a scope per link and direction with the same
-// variables, each declared once, and values that end where the run's counts
-// end: the number of flits the host sent and took.
+// variables, each declared once, whose flit counts end where the run's end:
+// the number of flits the host sent and took.
 TEST(ZelsimOutputs, VcdHoldsOneVariableSetPerLinkAndDirection) {
   zelsim_test::TempDir dir;
   const Outcome run = Zelsim(dir, {"--set", "SIM_TIME=1500", "--vcd", "links.vcd", "--json", "v.json"});
   ASSERT_EQ(run.status, 0) << run.err;
   std::istringstream vcd(zelsim_test::ReadFile(dir.path + "/links.vcd"));
-
   std::vector<std::string> scope;
   std::map<std::string, std::string> nameOf;                 // id -> scope path and variable
   std::map<std::string, std::set<std::string>> variablesOf;  // scope path -> variables
@@ -333,39 +264,30 @@ TEST(ZelsimOutputs, VcdHoldsOneVariableSetPerLinkAndDirection) {
     if (word == "$comment" || word == "$date" || word == "$version") {
       while (vcd >> word && word != "$end") {
       }
-      continue;
-    }
-    if (definitions) {
-      if (word == "$scope") {
-        std::string kind, name;
-        vcd >> kind >> name;
-        scope.push_back(name);
-      } else if (word == "$upscope") {
-        ASSERT_FALSE(scope.empty());
-        scope.pop_back();
-      } else if (word == "$var") {
-        std::string type, width, id, name;
-        vcd >> type >> width >> id >> name;
-        std::string path;
-        for (const std::string& s : scope) path += s + ".";
-        ASSERT_EQ(nameOf.count(id), 0u) << id;
-        nameOf[id] = path + name;
-        EXPECT_TRUE(variablesOf[path].insert(name).second) << path << name;
-      } else if (word == "$enddefinitions") {
-        definitions = false;
-      }
-      continue;
-    }
-    if (word[0] == '#') {
-      const uint64_t time = std::stoull(word.substr(1));
-      EXPECT_GE(time, lastTime);
-      lastTime = time;
-    } else if (word[0] == 'b') {
+    } else if (word == "$scope") {
+      std::string kind, name;
+      vcd >> kind >> name;
+      scope.push_back(name);
+    } else if (word == "$upscope") {
+      ASSERT_FALSE(scope.empty());
+      scope.pop_back();
+    } else if (word == "$var") {
+      std::string type, width, id, name, path;
+      vcd >> type >> width >> id >> name;
+      for (const std::string& s : scope) path += s + ".";
+      ASSERT_TRUE(nameOf.emplace(id, path + name).second) << id;
+      EXPECT_TRUE(variablesOf[path].insert(name).second) << path << name;
+    } else if (word == "$enddefinitions") {
+      definitions = false;
+    } else if (!definitions && word[0] == '#') {
+      EXPECT_GE(std::stoull(word.substr(1)), lastTime);
+      lastTime = std::stoull(word.substr(1));
+    } else if (!definitions && word[0] == 'b') {
       std::string id;
       vcd >> id;
       ASSERT_EQ(nameOf.count(id), 1u) << id;
       value[id] = word.substr(1);
-    } else if (word[0] == '0' || word[0] == '1') {
+    } else if (!definitions && (word[0] == '0' || word[0] == '1')) {
       ASSERT_EQ(nameOf.count(word.substr(1)), 1u) << word;
       value[word.substr(1)] = word.substr(0, 1);
     }
@@ -377,11 +299,11 @@ TEST(ZelsimOutputs, VcdHoldsOneVariableSetPerLinkAndDirection) {
                                         "tail", "flitNumber", "returnTokens",  "flits"};
   ASSERT_EQ(variablesOf.size(), 8u);
   std::map<std::string, uint64_t> finalFlits;
-  for (const auto& [id, name] : nameOf) {
+  for (const auto& [id, name] : nameOf)
     if (name.size() > 6 && name.compare(name.size() - 6, 6, ".flits") == 0)
       finalFlits[name] = value.count(id) != 0 ? std::stoull(value[id], nullptr, 2) : 0;
-  }
   const json results = ReadJson(dir.path + "/v.json");
+  EXPECT_EQ(results["links"].size(), 4u);
   for (const json& link : results["links"]) {
     const std::string path = "SystemC.link" + link["link"].dump() + ".";
     EXPECT_EQ(variablesOf[path + "request."], fields) << path;
@@ -391,36 +313,24 @@ TEST(ZelsimOutputs, VcdHoldsOneVariableSetPerLinkAndDirection) {
     EXPECT_EQ(finalFlits[path + "response.flits"],
               link["response_flits"].get<uint64_t>() + link["token_returns_received"].get<uint64_t>());
   }
-  EXPECT_EQ(results["links"].size(), 4u);
 }
 
 // The progress display draws on a terminal (here a pseudo-terminal of
-// `script`), not into a pipe or a file, unless forced either way, and
-// changes nothing in the run.
+// `script`), not into a pipe, unless forced either way. That it changes
+// nothing in the run is checked with the JSON above.
 TEST(ZelsimOutputs, ProgressShowsOnATerminalOnly) {
   zelsim_test::TempDir dir;
-  const std::vector<std::string> args = {"--set", "SIM_TIME=3000", "--report", "model.txt"};
-  auto onTerminal = [&](const std::vector<std::string>& more) {
-    std::vector<std::string> all = args;
-    all.insert(all.end(), more.begin(), more.end());
-    return Shell(dir, "script -qec " + Quoted(CommandLine(all)) + " /dev/null");
-  };
+  const std::string run = CommandLine({"--set", "SIM_TIME=3000", "--report", "model.txt"});
   const std::string kShown = " us simulated, ";
-  const Outcome terminal = onTerminal({});
+  const Outcome terminal = Shell(dir, "script -qec " + Quoted(run) + " /dev/null");
   ASSERT_EQ(terminal.status, 0) << terminal.err;
   EXPECT_NE(terminal.out.find("\rzelsim: 0.0 of 3.0 us simulated, 0 requests completed"), std::string::npos)
       << terminal.out;
   EXPECT_NE(terminal.out.find("\r\033[K==== zelsim summary"), std::string::npos);  // cleared first
-  EXPECT_EQ(onTerminal({"--no-progress"}).out.find(kShown), std::string::npos);
-
-  const Outcome pipe = Shell(dir, CommandLine(args) + " 2>&1 | cat");
+  EXPECT_EQ(Shell(dir, "script -qec " + Quoted(run + " --no-progress") + " /dev/null").out.find(kShown),
+            std::string::npos);
+  const Outcome pipe = Shell(dir, run + " 2>&1 | cat");
   ASSERT_EQ(pipe.status, 0);
   EXPECT_EQ(pipe.out.find(kShown), std::string::npos) << pipe.out;
-  std::vector<std::string> forced = args;
-  forced.push_back("--progress");
-  const Outcome shown = Zelsim(dir, forced);
-  EXPECT_NE(shown.err.find(kShown), std::string::npos);
-  // The display only looks: the run is the same without it.
-  forced.back() = "--no-progress";
-  EXPECT_EQ(Zelsim(dir, forced).out, shown.out);
+  EXPECT_NE(Shell(dir, run + " --progress").err.find(kShown), std::string::npos);
 }
