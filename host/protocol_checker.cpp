@@ -138,13 +138,18 @@ void ProtocolRules::Complete(const tlm_generic_payload& payload, const sc_time& 
   transactions_.erase(found);
 }
 
+void ProtocolRules::AcceptedLeavesThePhase(const tlm_generic_payload& payload, const tlm_phase& called,
+                                           const tlm_phase& phase) {
+  if (phase != called)
+    Violation(payload, "TLM_ACCEPTED with the phase changed from " + Name(called) + " to " + Name(phase));
+}
+
 void ProtocolRules::ForwardReturn(const tlm_generic_payload& payload, const tlm_phase& called, tlm::tlm_sync_enum reply,
                                   const tlm_phase& phase, const sc_time& delay) {
   if (called != tlm::BEGIN_REQ && called != tlm::END_RESP) return;  // reported at the call
   switch (reply) {
     case tlm::TLM_ACCEPTED:
-      if (phase != called)
-        Violation(payload, "TLM_ACCEPTED with the phase changed from " + Name(called) + " to " + Name(phase));
+      AcceptedLeavesThePhase(payload, called, phase);
       return;
     case tlm::TLM_UPDATED:
       if (phase == called) {
@@ -172,8 +177,7 @@ void ProtocolRules::BackwardReturn(const tlm_generic_payload& payload, const tlm
   if (called != tlm::END_REQ && called != tlm::BEGIN_RESP) return;  // reported at the call
   switch (reply) {
     case tlm::TLM_ACCEPTED:
-      if (phase != called)
-        Violation(payload, "TLM_ACCEPTED with the phase changed from " + Name(called) + " to " + Name(phase));
+      AcceptedLeavesThePhase(payload, called, phase);
       return;
     case tlm::TLM_UPDATED:
       if (called == tlm::END_REQ || phase != tlm::END_RESP) {

@@ -65,6 +65,9 @@ class ProtocolRules {
   bool reportErrors = true;
 
  private:
+  // A TLM_ACCEPTED return must leave the phase as it was called.
+  void AcceptedLeavesThePhase(const tlm::tlm_generic_payload& payload, const tlm::tlm_phase& called,
+                              const tlm::tlm_phase& phase);
   enum class Phase { Request, RequestEnded, Response };
   struct State {
     Phase phase = Phase::Request;

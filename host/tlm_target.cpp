@@ -243,21 +243,26 @@ void CubeTarget::Finish(uint64_t id) {
   transactions_.erase(found);
 }
 
+// An ignored command is answered OK, and a payload the cube can't take is
+// refused with its error, both at once: neither reaches the cube.
+bool CubeTarget::AnsweredAtOnce(tlm_generic_payload& payload, Plan& plan) {
+  if (payload.get_command() == tlm::TLM_IGNORE_COMMAND) {
+    payload.set_response_status(tlm::TLM_OK_RESPONSE);
+    return true;
+  }
+  const tlm_response_status status = Examine(payload, plan);
+  if (status == tlm::TLM_OK_RESPONSE) return false;
+  payload.set_response_status(status);
+  ++counts_.transactions;
+  ++counts_.refused;
+  return true;
+}
+
 // ---- Blocking ---------------------------------------------------------------------
 
 void CubeTarget::b_transport(int initiator, tlm_generic_payload& payload, sc_time& delay) {
-  if (payload.get_command() == tlm::TLM_IGNORE_COMMAND) {
-    payload.set_response_status(tlm::TLM_OK_RESPONSE);
-    return;
-  }
   Plan plan;
-  const tlm_response_status status = Examine(payload, plan);
-  if (status != tlm::TLM_OK_RESPONSE) {
-    payload.set_response_status(status);
-    ++counts_.transactions;
-    ++counts_.refused;
-    return;
-  }
+  if (AnsweredAtOnce(payload, plan)) return;
   // The annotated time is spent first, so that the request reaches the
   // cube when the initiator meant it to; the delay given back is then zero,
   // and the call takes exactly the time it waited.
@@ -283,19 +288,8 @@ tlm::tlm_sync_enum CubeTarget::nb_transport_fw(int initiator, tlm_generic_payloa
                                      " before the END_REQ of its previous request")
                                         .c_str());
     }
-    if (payload.get_command() == tlm::TLM_IGNORE_COMMAND) {
-      payload.set_response_status(tlm::TLM_OK_RESPONSE);
-      return tlm::TLM_COMPLETED;
-    }
     Plan plan;
-    const tlm_response_status status = Examine(payload, plan);
-    if (status != tlm::TLM_OK_RESPONSE) {
-      // Refused at once: the transaction never reaches the cube.
-      payload.set_response_status(status);
-      ++counts_.transactions;
-      ++counts_.refused;
-      return tlm::TLM_COMPLETED;
-    }
+    if (AnsweredAtOnce(payload, plan)) return tlm::TLM_COMPLETED;
     port.inRequest = &payload;
     port.requestArrived = false;
     port.arriving = plan;

@@ -160,6 +160,8 @@ class CubeTarget : public sc_core::sc_module, private Bench::RequestSource, priv
   void end_of_elaboration() override;
   const Config& cfg() const { return host_->cfg; }
   tlm::tlm_response_status Examine(const tlm::tlm_generic_payload& payload, Plan& plan) const;
+  // True when the payload was answered without the cube (ignored or refused).
+  bool AnsweredAtOnce(tlm::tlm_generic_payload& payload, Plan& plan);
   // Moves the payload's data to or from the store and queues its packets.
   uint64_t Accept(tlm::tlm_generic_payload& payload, unsigned initiator, const Plan& plan, bool blocking,
                   sc_core::sc_event* done);
