@@ -66,6 +66,17 @@ def _title(plan, what, load, by, fixed):
     return f"{plan['title']}: {what}\n{swept}; mean over {seeds} seed(s)" + (f"; {where}" if where else "")
 
 
+def _finish(fig, ax, xlabel, title, columns):
+    """Labels, title, grid and legend of a latency plot."""
+    ax.set_xlabel(xlabel)
+    ax.set_ylabel("Latency (ns)")
+    ax.set_title(title, fontsize=10)
+    ax.grid(True, alpha=0.3)
+    ax.legend(fontsize=8, ncol=columns)
+    fig.tight_layout()
+    return fig
+
+
 def _latency_bandwidth(plan, curves, load, by, fixed):
     fig, ax = plt.subplots(figsize=(8, 5.5))
     colours = itertools.cycle(plt.rcParams["axes.prop_cycle"].by_key()["color"])
@@ -76,13 +87,8 @@ def _latency_bandwidth(plan, curves, load, by, fixed):
             ax.errorbar(x, [e["mean"][name] for e in entries], yerr=[e["std"][name] for e in entries],
                         color=colour, linestyle=style, marker=marker, markersize=4, capsize=2,
                         label=f"{_label(by, value)}, {text}")
-    ax.set_xlabel("Delivered bandwidth, read + write (GB/s)")
-    ax.set_ylabel("Latency (ns)")
-    ax.set_title(_title(plan, "latency against delivered bandwidth", load, by, fixed), fontsize=10)
-    ax.grid(True, alpha=0.3)
-    ax.legend(fontsize=8)
-    fig.tight_layout()
-    return fig
+    return _finish(fig, ax, "Delivered bandwidth, read + write (GB/s)",
+                   _title(plan, "latency against delivered bandwidth", load, by, fixed), columns=1)
 
 
 def _percentiles(plan, curves, load, by, fixed):
@@ -94,13 +100,8 @@ def _percentiles(plan, curves, load, by, fixed):
         for name, text, style in PERCENTILES:
             ax.plot(x, [e["mean"][name] for e in entries], color=colour, linestyle=style, marker=".",
                     label=f"{_label(by, value)}, {text}")
-    ax.set_xlabel("Offered load, read + write (GB/s)")
-    ax.set_ylabel("Latency (ns)")
-    ax.set_title(_title(plan, "latency percentiles against offered load", load, by, fixed), fontsize=10)
-    ax.grid(True, alpha=0.3)
-    ax.legend(fontsize=8, ncol=2)
-    fig.tight_layout()
-    return fig
+    return _finish(fig, ax, "Offered load, read + write (GB/s)",
+                   _title(plan, "latency percentiles against offered load", load, by, fixed), columns=2)
 
 
 def _utilisation(plan, curves, load, by, fixed):
