@@ -144,38 +144,32 @@ std::vector<Flit*> ReadResponse(unsigned tag) {
           MakeFlit(tag, 0x40, RD_RSP, 32, false, true, 3)};
 }
 
+// Ratios 2, 2.5 and 2.299 (the default 3.002 is left to the golden runs); the
+// width comes from the link named in the call, not from the link's own number.
+// A block size of 48 rounds up to a shift of 6; the vault number wraps.
 TEST(LinkParams, RateFlitsPerClockAndDestinationField) {
   LinkBench bench("bench", nullptr, 0);
   Config& cfg = bench.cfg;
   zel2_link& link = bench.link;
-  EXPECT_EQ(link.flitRate, Ps(533));
-  EXPECT_EQ(link.flitsPerClock, 3u);  // a ratio of 3.002 rounds down
-  // Ratios 2, 2.5 and 2.299; the width comes from the link named in the
-  // call, not from the link's own number.
   const struct {
     float speed;
-    unsigned link, width2;
-    double ps;
-    unsigned perClock;
+    unsigned link, width2, ps, perClock;
   } rates[] = {
       {10.0f, 0, 16, 800, 2}, {12.5f, 0, 16, 640, 3}, {11.5f, 0, 16, 696, 3}, {10.0f, 2, 8, 1600, 1}};
   for (const auto& r : rates) {
-    cfg.LINK_SPEED = r.speed;
-    cfg.LINK_2_WIDTH = r.width2;
+    std::tie(cfg.LINK_SPEED, cfg.LINK_2_WIDTH) = std::make_tuple(r.speed, r.width2);
     link.updateLinkParams(r.link);
-    EXPECT_EQ(link.flitRate, Ps(r.ps)) << r.speed;
-    EXPECT_EQ(link.flitsPerClock, r.perClock) << r.speed;
+    EXPECT_EQ(std::make_pair(link.flitRate, link.flitsPerClock), std::make_pair(Ps(r.ps), r.perClock))
+        << r.speed;
   }
-  // A block size of 48 rounds up to a shift of 6; 16 vaults wrap.
-  const struct {
-    unsigned blockSize, vaults;
-    uint64_t address, vault;
-  } fields[] = {{128, 16, 0x80, 1}, {128, 16, 0x7f, 0}, {128, 16, 0x880, 1}, {64, 16, 0x40, 1},
-                {64, 16, 0x400, 0}, {48, 16, 0x40, 1},  {48, 16, 0x30, 0},   {1, 32, 0x25, 5}};
+  const unsigned fields[][4] = {{128, 16, 0x880, 1},
+                                {128, 16, 0x7f, 0},
+                                {48, 16, 0x40, 1},
+                                {48, 16, 0x30, 0},
+                                {1, 32, 0x25, 5}};  // block size, vaults, address, vault
   for (const auto& f : fields) {
-    cfg.MAX_BLOCK_SIZE = f.blockSize;
-    cfg.NUM_VAULTS = f.vaults;
-    EXPECT_EQ(link.ComputeDestinationField(f.address), f.vault) << f.blockSize << " " << f.address;
+    std::tie(cfg.MAX_BLOCK_SIZE, cfg.NUM_VAULTS) = std::make_tuple(f[0], f[1]);
+    EXPECT_EQ(link.ComputeDestinationField(f[2]), f[3]) << f[0] << " " << f[2];
   }
 }
 
@@ -194,17 +188,11 @@ TEST(LinkRequests, FlitsReachTheLinkSwitchAfterTheInputDelay) {
   sc_core::sc_start(Ps(12000));
   ASSERT_EQ(Summary(bench.toLsw),
             (std::vector<Seen>{{4800, 7, 0}, {6400, 8, 0}, {6400, 8, 1}, {6400, 8, 2}}));
-  for (const auto& a : bench.toLsw) {
-    EXPECT_EQ(a.snapshot.sourceLink, 2u);
-    EXPECT_EQ(a.snapshot.lane, static_cast<int>(a.port));
-    EXPECT_EQ(a.snapshot.destination, a.snapshot.tag == 7 ? 5u : 2u);  // (address >> 7) & 15
-  }
+  for (const auto& a : bench.toLsw)
+    EXPECT_EQ(std::make_tuple(a.snapshot.sourceLink, a.snapshot.lane, a.snapshot.destination),
+              std::make_tuple(2u, static_cast<int>(a.port), a.snapshot.tag == 7 ? 5u : 2u));
   EXPECT_EQ(bench.toLsw[3].snapshot.returnTokens, 0u);  // host tokens stop at the link
   EXPECT_EQ(bench.link.tokenCount, 4u + 6u);            // NULL_COMMAND tokens are lost
-  const StatsKeeper& st = bench.stats;
-  EXPECT_EQ(std::make_tuple(st.linkReads[2], st.linkWrites[2], st.linkWriteBytes[2], st.linkBytes[2],
-                            st.linkRequestFlits[2]),
-            std::make_tuple(1u, 1u, 32u, 32u, 4u));
 }
 
 // Three runs side by side: busy while a packet is under way, busy from the
@@ -242,49 +230,27 @@ TEST(LinkRequests, BusyHoldsNewPacketsAndTheBufferDrainsALineAtATime) {
   ASSERT_EQ(Summary(holds.toLsw),
             (std::vector<Seen>{
                 {4800, 1, 0}, {4800, 1, 1}, {4800, 1, 2}, {6400, 1, 0}, {6400, 1, 1}, {10600, 2, 0}}));
-  EXPECT_TRUE(holds.toLsw[4].snapshot.tail);
-  EXPECT_TRUE(holds.link.inputBuffer.empty());
   // First line: lanes 0 to 2. The retry pending for 8000 stands, being
   // earlier than the one that busy's fall asks for at 8600. Busy again: the
   // write's tail still goes, alone, and the read waits.
-  ASSERT_EQ(Summary(drains.toLsw),
+  EXPECT_EQ(Summary(drains.toLsw),
             (std::vector<Seen>{{8000, 1, 0}, {8000, 2, 1}, {8000, 2, 2}, {9600, 2, 0}, {14600, 3, 1}}));
-  EXPECT_TRUE(drains.toLsw[3].snapshot.tail);
   // The link switch takes one delivery per time step: the second read waits.
   EXPECT_EQ(Summary(meets.toLsw), (std::vector<Seen>{{3200, 1, 0}, {4800, 2, 0}}));
 }
 
-TEST(LinkTokens, TurnOnHandsOutTheInitialTokensOneFlitTimeApart) {
-  LinkBench one("one"), zero("zero", nullptr, 0);
-  zero.link.setCubeTokens(40);
-  zelsim_test::CaptureStdout capture;
-  one.link.TurnOnLink();
-  zero.link.TurnOnLink();
-  // Only link 0 prints the configuration.
-  EXPECT_EQ(capture.str().rfind("0 s: SYSTEMC: Turning on link 1 with 100 tokens\n"
-                                "0 s: SYSTEMC: Turning on link 0 with 40 tokens\n",
-                                0),
-            0u);
-  EXPECT_NE(capture.str().find("\n[sc_time]: 'CORE_CLK'=1600 ps\n"), std::string::npos);
-  sc_core::sc_start(Ps(12000));
-  // A cycle, then the output delay, then one a flit time.
-  ASSERT_EQ(one.responses.size(), 1u);
-  ASSERT_EQ(Times(one.responses[TOKEN_RETURN]), (std::vector<uint64_t>{6400, 6933, 7466, 7999}));
-  const unsigned expected[] = {31, 31, 31, 7};
-  for (unsigned i = 0; i < 4; ++i) {
-    const Flit& f = one.responses[TOKEN_RETURN][i].snapshot;
-    EXPECT_EQ(std::make_tuple(f.command, f.returnTokens, f.tag, f.header, f.tail, f.address, f.flitNumber),
-              std::make_tuple(TOKEN_RETURN, expected[i], i, true, true, ~0UL, 1u));
-  }
-  EXPECT_EQ(one.link.returnTokenCount, 0u);
-  EXPECT_TRUE(one.creditChanges.empty());  // token returns cost no credit
-  ASSERT_EQ(zero.responses[TOKEN_RETURN].size(), 2u);
-  EXPECT_EQ(zero.responses[TOKEN_RETURN][0].snapshot.returnTokens, 31u);
-  EXPECT_EQ(zero.responses[TOKEN_RETURN][1].snapshot.returnTokens, 9u);
+// (time in ps, tokens, tag) of each token return.
+std::vector<std::tuple<uint64_t, unsigned, unsigned>> TokenReturns(LinkBench& b) {
+  std::vector<std::tuple<uint64_t, unsigned, unsigned>> out;
+  for (const auto& a : b.responses[TOKEN_RETURN])
+    out.emplace_back(a.time.value(), a.snapshot.returnTokens, a.snapshot.tag);
+  return out;
 }
 
-// Three host tokens, and 40 tokens freed by the link switch that reach the
-// link at 22400, while the read response that comes in at 21600 goes out.
+// Turning on hands out the initial tokens one flit time apart, a cycle and
+// the output delay after time 0. Then three host tokens, and 40 tokens freed
+// by the link switch that reach the link at 22400, while the read response
+// that comes in at 21600 goes out.
 void ReadWithTokensToReturn(LinkBench& b) {
   b.link.TurnOnLink();
   b.link.adjustTokenCount(3);
@@ -293,12 +259,17 @@ void ReadWithTokensToReturn(LinkBench& b) {
   b.SendResponse(ReadResponse(0x21));
 }
 
-TEST(LinkResponses, WholePacketsLeaveOneFlitTimeApartWithTokensAndCredits) {
+TEST(LinkResponses, TurnOnAndWholePacketsLeaveOneFlitTimeApartWithTokensAndCredits) {
   // Side runs where the host has the header before the tail leaves, and
   // marks it consumed or deletes it: then the tokens stay on the tail.
   auto noOutputDelay = [](Config& c) { c.LINK_OUTPUT_DELAY = 0; };
-  LinkBench bench("bench"), consumed("consumed", noOutputDelay), deleted("deleted", noOutputDelay);
+  LinkBench bench("bench"), consumed("consumed", noOutputDelay), deleted("deleted", noOutputDelay),
+      zero("zero", nullptr, 0);
   for (LinkBench* b : {&bench, &consumed, &deleted}) b->script = ReadWithTokensToReturn;
+  zero.script = [](LinkBench& b) {
+    b.link.setCubeTokens(40);
+    b.link.TurnOnLink();
+  };
   consumed.hostOnResponse = [](const Flit_P& f) {
     if (f->command == RD_RSP && f->header) f->consumed = true;
   };
@@ -314,22 +285,17 @@ TEST(LinkResponses, WholePacketsLeaveOneFlitTimeApartWithTokensAndCredits) {
   // still holds; the other 9 follow in a token return of their own.
   EXPECT_EQ(data[0].handle->returnTokens, 31u);
   EXPECT_EQ(data[2].snapshot.returnTokens, 0u);
-  EXPECT_EQ(data[2].snapshot.timeStamps[7], Ps(21600));
-  const auto& returns = bench.responses[TOKEN_RETURN];
-  ASSERT_EQ(returns.size(), 5u);
-  EXPECT_EQ(returns[4].time, Ps(22919 + kFlit + 4800));
-  EXPECT_EQ(returns[4].snapshot.returnTokens, 9u);
-  EXPECT_EQ(returns[4].snapshot.tag, 4u);
-  // One credit pulse per flit, CREDIT_RETURN_DELAY_LM flit times after it
-  // left, high for half a flit time.
+  EXPECT_EQ(TokenReturns(bench),
+            (std::vector<std::tuple<uint64_t, unsigned, unsigned>>{
+                {6400, 31, 0}, {6933, 31, 1}, {7466, 31, 2}, {7999, 7, 3}, {28252, 9, 4}}));
+  EXPECT_EQ(TokenReturns(zero),
+            (std::vector<std::tuple<uint64_t, unsigned, unsigned>>{{6400, 31, 0}, {6933, 9, 1}}));
+  // One credit pulse per data flit (none for token returns),
+  // CREDIT_RETURN_DELAY_LM flit times after it left, high for half a flit time.
   const std::vector<std::pair<sc_time, int>> credits = {{Ps(22919), 1}, {Ps(23186), 0}, {Ps(23452), 1},
                                                         {Ps(23719), 0}, {Ps(23985), 1}, {Ps(24252), 0}};
   EXPECT_EQ(bench.creditChanges, credits);
-  EXPECT_EQ(bench.link.tokenCount, 0u);
-  EXPECT_EQ(bench.link.returnTokenCount, 0u);
-  const StatsKeeper& st = bench.stats;
-  EXPECT_EQ(std::make_tuple(st.linkResponseFlits[1], st.linkReadBytes[1], st.linkBytes[1]),
-            std::make_tuple(3u, 32u, 32u));
+  EXPECT_EQ(std::make_pair(bench.link.tokenCount, bench.link.returnTokenCount), std::make_pair(0u, 0u));
   for (LinkBench* b : {&consumed, &deleted}) {
     const auto& side = b->responses[RD_RSP];
     ASSERT_EQ(side.size(), 3u) << b->name();
@@ -373,12 +339,9 @@ TEST(LinkResponses, ResponsesWaitForHostTokens) {
   // is at 25051. Open loop, the read leaves at once.
   EXPECT_EQ(Times(reads.responses[RD_RSP]), (std::vector<uint64_t>{29851, 30384, 30917}));
   EXPECT_EQ(Times(openLoop.responses[RD_RSP]), (std::vector<uint64_t>{26653, 27186, 27719}));
-  EXPECT_EQ(reads.link.tokenCount, 0u);
-  EXPECT_EQ(openLoop.link.tokenCount, 0u);
   // The second write waited for a token, polling from 23985 to 30381.
   ASSERT_EQ(Times(writes.responses[WR_RSP]), (std::vector<uint64_t>{26653, 35181}));
   EXPECT_EQ(writes.responses[WR_RSP][0].snapshot.returnTokens, 5u);  // a single flit is its own header
-  EXPECT_EQ(writes.responses[TOKEN_RETURN].size(), 4u);
 }
 
 TEST(LinkSafety, AcceptsWellFormedTrafficAndFixesAtomicSizes) {
@@ -405,32 +368,25 @@ TEST(LinkSafety, AcceptsWellFormedTrafficAndFixesAtomicSizes) {
   EXPECT_EQ(capture.str(), expected.str());
 }
 
-// Checks `flits` one flit time apart, as a host sends them; the last one fails.
-std::function<void(LinkBench&)> Checks(std::vector<Flit*> flits) {
-  return [flits](LinkBench& b) {
-    for (Flit* flit : flits) {
-      sc_core::wait(Ps(kFlit));
-      b.link.SafetyCheck(Flit_P(flit));
+// How a death case plays `flits`: checked one flit time apart as a host sends
+// them (the last one fails), sent as requests 100 ps apart from 100 ps on, or
+// written by the vault switch at 1000 ps to a host granted five tokens.
+enum Play { kCheck, kRequest, kRespond };
+std::function<void(LinkBench&)> Plays(Play play, std::vector<Flit*> flits) {
+  return [play, flits](LinkBench& b) {
+    if (play == kRespond) {
+      b.link.adjustTokenCount(5);
+      b.WaitUntil(1000);
+      b.SendResponse(flits);
     }
-  };
-}
-
-// What SafetyCheck prints before it stops.
-std::string Finding(const std::string& what) { return "== ERROR - " + what + "\n           Flit : "; }
-
-// Grants the host five tokens and has the vault switch write `flits` at 1000 ps.
-std::function<void(LinkBench&)> Respond(std::vector<Flit*> flits) {
-  return [flits](LinkBench& b) {
-    b.link.adjustTokenCount(5);
-    b.WaitUntil(1000);
-    b.SendResponse(flits);
-  };
-}
-
-// Sends `flits` 100 ps apart from 100 ps on.
-std::function<void(LinkBench&)> Requests(std::vector<Flit*> flits) {
-  return [flits](LinkBench& b) {
-    for (unsigned i = 0; i < flits.size(); ++i) b.Send(100.0 * (i + 1), flits[i]);
+    for (unsigned i = 0; play != kRespond && i < flits.size(); ++i) {
+      if (play == kRequest) {
+        b.Send(100.0 * (i + 1), flits[i]);
+      } else {
+        sc_core::wait(Ps(kFlit));
+        b.link.SafetyCheck(Flit_P(flits[i]));
+      }
+    }
   };
 }
 
@@ -447,11 +403,21 @@ void PrintTo(const DeathCase& c, std::ostream* os) { *os << c.name; }
 std::vector<DeathCase> DeathCases() {
   auto bfm10 = [](Config& c) { c.BFM_TOKENS_PER_LINK = 10; };
   auto read = [](unsigned tag) { return MakeFlit(tag, 0, RD, 16, true, true); };
+  // Flit `number` of packet 1 at address 0.
+  auto wr = [](unsigned number, bool header, bool tail, unsigned length, ZELCommand command = WR) {
+    return MakeFlit(1, 0, command, length, header, tail, number);
+  };
+  // A SafetyCheck finding: its text, then the flit printed (and `flit`, literally, if given).
+  auto check = [](const char* name, std::vector<Flit*> flits, const std::string& what,
+                  const std::string& flit = "", std::function<void(Config&)> configure = nullptr) {
+    return DeathCase{name, Plays(kCheck, flits), "== ERROR - " + what + "\n           Flit : " + flit,
+                     configure};
+  };
   return {
       {"UnknownMappingScheme", [](LinkBench& b) { b.link.ComputeDestinationField(0x40); },
        "=[0 s]= ERROR - Wrong unknown address mapping scheme when computing destination field in link\n",
        [](Config& c) { c.MAPPING_SCHEME = 1; }},
-      {"FourthFlitInOneCoreCycle", Requests({read(1), read(2), read(3), read(4)}),
+      {"FourthFlitInOneCoreCycle", Plays(kRequest, {read(1), read(2), read(3), read(4)}),
        "==ERROR - Ring-Buffer overflow in link.  Received too many flits this core cycle (1600 ps)\n"},
       {"CubeTokensAfterTurnOn",
        [](LinkBench& b) {
@@ -465,21 +431,21 @@ std::vector<DeathCase> DeathCases() {
       // Never turned on, the link still owes the host all its tokens.
       {"ReturnedTokensAboveTokensPerLink", [](LinkBench& b) { b.PulseTokens(1000, 1); },
        "=[7400 ps]= ERROR - Somehow have too many tokens\n"},
-      {"HostGrantsTooManyInATokenReturn", Requests({MakeFlit(1, ~0UL, TOKEN_RETURN, 0, true, true, 1, 11)}),
+      {"HostGrantsTooManyInATokenReturn",
+       Plays(kRequest, {MakeFlit(1, ~0UL, TOKEN_RETURN, 0, true, true, 1, 11)}),
        "=[4800 ps]= ERROR - Too many tokens in link1 from token return packet : 11\n", bfm10},
       {"HostGrantsTooManyOnATail",
-       Requests({MakeFlit(1, 0, WR, 16, true, false, 1), MakeFlit(1, 0, WR, 16, false, true, 2, 11)}),
+       Plays(kRequest, {MakeFlit(1, 0, WR, 16, true, false, 1), MakeFlit(1, 0, WR, 16, false, true, 2, 11)}),
        "=[4800 ps]= ERROR - Too many tokens in link1 from tail of packet : 11\n", bfm10},
       // Changes are reported and zero is silent; the limit check follows.
       {"AdjustedAboveTheHostLimit",
        [](LinkBench& b) {
          for (int delta : {10, 0, -4, 5}) b.link.adjustTokenCount(delta);
        },
-       "0 s: Adjusting link 1 by 10 tokens (now=10)\n0 s: Adjusting link 1 by -4 tokens (now=6)\n0 s: "
-       "Adjusting "
-       "link 1 by 5 tokens (now=11)\n0 s: ERROR: SystemC model now has 11; if this value is much higher than "
-       "the "
-       "expected (BFM_TOKENS_PER_LINK=10) this may mean there is a token error somewhere\n",
+       "0 s: Adjusting link 1 by 10 tokens (now=10)\n0 s: Adjusting link 1 by -4 tokens (now=6)\n"
+       "0 s: Adjusting link 1 by 5 tokens (now=11)\n0 s: ERROR: SystemC model now has 11; if this value is "
+       "much higher than the expected (BFM_TOKENS_PER_LINK=10) this may mean there is a token error "
+       "somewhere\n",
        bfm10},
       // The check runs with no change too.
       {"UnchangedAboveTheHostLimit",
@@ -491,12 +457,13 @@ std::vector<DeathCase> DeathCases() {
        },
        "(now=26)\n0 s: ERROR: SystemC model now has 26;", bfm10},
       {"NonContiguousResponse",
-       Respond({MakeFlit(5, 0, RD_RSP, 32, true, false, 1), MakeFlit(6, 0, RD_RSP, 32, true, false, 1)}),
+       Plays(kRespond,
+             {MakeFlit(5, 0, RD_RSP, 32, true, false, 1), MakeFlit(6, 0, RD_RSP, 32, true, false, 1)}),
        "== ERROR - Non-contiguous packet in LM1\n"},
-      {"OutputBufferOverflow", Respond(ReadResponse(7)),
+      {"OutputBufferOverflow", Plays(kRespond, ReadResponse(7)),
        "=[2600 ps]= ERROR - Link Master 1 buffer exceeded capacity\n",
        [](Config& c) { c.LINK_MASTER_BUFFER_SIZE = 2; }},
-      {"TailWithoutHeader", Respond({MakeFlit(8, 0, RD_RSP, 16, false, true, 2)}),
+      {"TailWithoutHeader", Plays(kRespond, {MakeFlit(8, 0, RD_RSP, 16, false, true, 2)}),
        "Assertion `lastOutgoingHeadFlit' failed"},
       // The host marks the header it holds as a tail too.
       {"HeaderLostItsMarksWhileTheHostHeldIt",
@@ -521,43 +488,33 @@ std::vector<DeathCase> DeathCases() {
        },
        "== ERROR - Receive flit at a rate that does not match link config\n           Flit rate currently : "
        "533 ps\n"},
-      {"OddRequestSize", Checks({MakeFlit(1, 0, RD, 20, true, true)}),
-       Finding("Request size not acceptable : 20\n           Please use one of the standard request sizes") +
-           "[HEAD cmd:RD20"},
-      {"EmptyTokenReturn", Checks({MakeFlit(1, ~0UL, TOKEN_RETURN, 0, true, true)}),
-       Finding("Token return packet with 0 tokens attached is not allowed")},
-      {"AddressBeyond2GB", Checks({MakeFlit(1, 0x80000001, RD, 16, true, true)}),
-       Finding("Address (0x80000001) outside of address space for 2GB ZEL")},
-      {"AddressBeyond4GB", Checks({MakeFlit(1, 0x100000001, RD, 16, true, true)}),
-       Finding("Address (0x100000001) outside of address space for 4GB ZEL"),
-       [](Config& c) { c.NUM_PARTITIONS = 4; }},
-      {"ReadNotBothHeaderAndTail", Checks({MakeFlit(1, 0, RD, 16, true, false)}),
-       Finding("Packet should not be both header and tail")},
-      {"WriteBothHeaderAndTail", Checks({MakeFlit(1, 0, WR, 16, true, true)}),
-       Finding("Packet header and tail improperly set for this command type")},
-      {"OtherTagMidPacket",
-       Checks({MakeFlit(1, 0, WR, 32, true, false, 1), MakeFlit(2, 0, WR, 32, false, false, 2)}),
-       Finding("Received non-contiguous packet - Expecting the rest of packet with tag 1")},
-      {"OtherCommandMidPacket",
-       Checks({MakeFlit(1, 0, WR, 32, true, false, 1), MakeFlit(1, 0, P_WR, 32, false, false, 2)}),
-       Finding("Command type changed mid packet")},
-      {"TokensOnAHeader", Checks({MakeFlit(1, 0, WR, 32, true, false, 1, 3)}),
-       Finding("Return tokens should only be attached to tail flits")},
-      {"OtherSizeMidPacket",
-       Checks({MakeFlit(1, 0, WR, 64, true, false, 1), MakeFlit(1, 0, WR, 32, false, false, 2)}),
-       Finding("Request size changed mid-packet - Expecting 64")},
-      {"HeaderNotFlitOne", Checks({MakeFlit(1, 0, WR, 32, true, false, 2)}),
-       Finding("Expected flit number 1 of incoming packet")},
-      {"TooManyFlits",
-       Checks({MakeFlit(1, 0, WR, 64, true, false, 1), MakeFlit(1, 0, WR, 64, false, false, 2),
-               MakeFlit(1, 0, WR, 64, false, false, 3), MakeFlit(1, 0, WR, 16, false, true, 4)}),
-       Finding("Too many flits (4) in a 16B packet")},
-      {"MissingTail",
-       Checks({MakeFlit(1, 0, WR, 16, true, false, 1), MakeFlit(1, 0, WR, 16, false, false, 2)}),
-       Finding("Expected tail of 16B packet")},
+      check("OddRequestSize", {wr(1, 1, 1, 20, RD)},
+            "Request size not acceptable : 20\n           Please use one of the standard request sizes",
+            "[HEAD cmd:RD20"),
+      check("EmptyTokenReturn", {MakeFlit(1, ~0UL, TOKEN_RETURN, 0, true, true)},
+            "Token return packet with 0 tokens attached is not allowed"),
+      check("AddressBeyond2GB", {MakeFlit(1, 0x80000001, RD, 16, true, true)},
+            "Address (0x80000001) outside of address space for 2GB ZEL"),
+      check("AddressBeyond4GB", {MakeFlit(1, 0x100000001, RD, 16, true, true)},
+            "Address (0x100000001) outside of address space for 4GB ZEL", "",
+            [](Config& c) { c.NUM_PARTITIONS = 4; }),
+      check("ReadNotBothHeaderAndTail", {wr(1, 1, 0, 16, RD)}, "Packet should not be both header and tail"),
+      check("WriteBothHeaderAndTail", {wr(1, 1, 1, 16)},
+            "Packet header and tail improperly set for this command type"),
+      check("OtherTagMidPacket", {wr(1, 1, 0, 32), MakeFlit(2, 0, WR, 32, false, false, 2)},
+            "Received non-contiguous packet - Expecting the rest of packet with tag 1"),
+      check("OtherCommandMidPacket", {wr(1, 1, 0, 32), wr(2, 0, 0, 32, P_WR)},
+            "Command type changed mid packet"),
+      check("TokensOnAHeader", {MakeFlit(1, 0, WR, 32, true, false, 1, 3)},
+            "Return tokens should only be attached to tail flits"),
+      check("OtherSizeMidPacket", {wr(1, 1, 0, 64), wr(2, 0, 0, 32)},
+            "Request size changed mid-packet - Expecting 64"),
+      check("HeaderNotFlitOne", {wr(2, 1, 0, 32)}, "Expected flit number 1 of incoming packet"),
+      check("TooManyFlits", {wr(1, 1, 0, 64), wr(2, 0, 0, 64), wr(3, 0, 0, 64), wr(4, 0, 1, 16)},
+            "Too many flits (4) in a 16B packet"),
+      check("MissingTail", {wr(1, 1, 0, 16), wr(2, 0, 0, 16)}, "Expected tail of 16B packet"),
       // Outside a packet the size is all ones, which counts as -1: one flit at most.
-      {"BodyOutsideAPacket", Checks({MakeFlit(1, 0, WR, 16, false, false, 1)}),
-       Finding("Expected tail of 4294967295B packet")},
+      check("BodyOutsideAPacket", {wr(1, 0, 0, 16)}, "Expected tail of 4294967295B packet"),
   };
 }
 
